@@ -2,6 +2,7 @@
 // file, standard error before start-up, and client callbacks.
 #include "foundation/log_internal.h"
 #include "foundation/locks.h"
+#include "foundation/membuf_internal.h"
 #include "foundation/zt_internal.h"
 
 #include <zt/lists.h>
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -196,9 +198,16 @@ void log_scan_records(std::FILE *in, int64_t max_age, int64_t now,
 
 void log_static_init() {
   if (g_log.enabled.load(std::memory_order_acquire)) return;
+  // Made before the lock is taken: a failure here logs (to standard error,
+  // the log not being enabled yet).
+  ZT_MemBuf *buffer = ZT_MemBufCreate(ZT_LOG_FLUSH_THRESHOLD + 4096);
   WriteGuard guard(&g_log.lock);
   if (g_log.path == nullptr) g_log.path = ::strdup(kDefaultPath);
-  if (g_log.buffer == nullptr) g_log.buffer = ZT_MemBufCreate(ZT_LOG_FLUSH_THRESHOLD + 4096);
+  if (g_log.buffer == nullptr) {
+    g_log.buffer = buffer;
+  } else {
+    ZT_MemBufFree(buffer);
+  }
   g_log.to_file = true;
   g_log.suppressed.store(false, std::memory_order_release);
   g_log.enabled.store(true, std::memory_order_release);
@@ -247,13 +256,16 @@ ZT_API void LogError(const char *module, const char *function, const char *messa
       char header[64];
       int n = std::snprintf(header, sizeof header, "%u\n%" PRIu64 "\n", ZT_LOG_MAGIC,
                             static_cast<uint64_t>(now));
-      // An append that runs out of memory loses this record only.
-      if (ZT_MemBufAppend(g_log.buffer, header, static_cast<size_t>(n)) == 0 &&
-          ZT_MemBufAppend(g_log.buffer, module, std::strlen(module)) == 0 &&
-          ZT_MemBufAppend(g_log.buffer, "\n", 1) == 0 &&
-          ZT_MemBufAppend(g_log.buffer, function, std::strlen(function)) == 0 &&
-          ZT_MemBufAppend(g_log.buffer, "\n", 1) == 0 && ZT_MemBufAppend(g_log.buffer, text, length) == 0)
-        ZT_MemBufAppend(g_log.buffer, "\n", 1);
+      // An append that runs out of memory loses this record only, whole; the
+      // appends stay quiet since logging their failure would wait on this lock.
+      size_t mark = ZT_MemBufSize(g_log.buffer);
+      const void *parts[] = {header, module, "\n", function, "\n", text, "\n"};
+      const size_t sizes[] = {static_cast<size_t>(n), std::strlen(module), 1, std::strlen(function), 1, length, 1};
+      for (size_t i = 0; i < 7; ++i)
+        if (zt::membuf_append(g_log.buffer, parts[i], sizes[i], true) != 0) {
+          zt::membuf_truncate(g_log.buffer, mark);
+          break;
+        }
       if (ZT_MemBufSize(g_log.buffer) > ZT_LOG_FLUSH_THRESHOLD) zt::flush_locked();
     }
   }
@@ -329,7 +341,8 @@ ZT_API void LogErrorLogtofile(int flag, const char *path) {
     ZT_LOG_NOMEM("log", "LogErrorLogtofile", std::strlen(path) + 1);
     return;
   }
-  ZT_MemBuf *fresh = nullptr;
+  // The buffer is made and freed outside the lock: its failure logs.
+  ZT_MemBuf *spare = flag ? ZT_MemBufCreate(ZT_LOG_FLUSH_THRESHOLD + 4096) : nullptr;
   {
     zt::WriteGuard guard(&g_log.lock);
     g_log.to_file = flag != 0;
@@ -337,14 +350,9 @@ ZT_API void LogErrorLogtofile(int flag, const char *path) {
       std::free(g_log.path);
       g_log.path = copy;
     }
-    if (g_log.to_file && g_log.buffer == nullptr) {
-      g_log.buffer = ZT_MemBufCreate(ZT_LOG_FLUSH_THRESHOLD + 4096);
-    } else if (!g_log.to_file) {
-      fresh = g_log.buffer;
-      g_log.buffer = nullptr;
-    }
+    if (g_log.to_file == (g_log.buffer == nullptr)) std::swap(spare, g_log.buffer);
   }
-  ZT_MemBufFree(fresh);
+  ZT_MemBufFree(spare);
 }
 
 ZT_API void LogErrorFlush(void) {

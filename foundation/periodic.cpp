@@ -151,6 +151,9 @@ void periodic_stop() { g_initialised.store(false, std::memory_order_release); }
 void periodic_free_all() {
   std::lock_guard<AtomicSpinLock> guard(g_lock);
   FreeList(&g_tasks);
+  // A pool destroyed before its thread picked the function up never ran it,
+  // so the thread could not clear the flag itself.
+  g_running.store(false, std::memory_order_release);
 }
 
 }  // namespace zt

@@ -8,7 +8,8 @@ namespace zt {
 void periodic_start();
 // Marks the library shut down; the thread itself ends with the pool.
 void periodic_stop();
-// Frees every task record (after the pool, and with it the thread, has gone).
+// Frees every task record and forgets the thread (after the pool, and with it
+// the thread, has gone).
 void periodic_free_all();
 
 }  // namespace zt

@@ -43,7 +43,8 @@ typedef struct ZTListNode {
 /* Appends `node` at the end. Returns the former last node, NULL when the list
  * was empty, or the first node when `node` is NULL. */
 ZT_API ZTListNode *AddList(ZTListNode **list, ZTListNode *node);
-/* Appends the whole list `other` (its own count and last are used). */
+/* Appends the whole list `other`, taken as a first node: its previous link is
+ * cleared and its own count and last are used (recounted when stale). */
 ZT_API void AddListList(ZTListNode **list, ZTListNode *other);
 /* Unlinks `node`, releases its owned data and clears its links; the node
  * stays allocated. Returns NULL, or the first node when `node` is NULL. */
