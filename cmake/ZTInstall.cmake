@@ -27,6 +27,7 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDE
   set(ZT_PC_INCLUDEDIR "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
 else()
   file(RELATIVE_PATH zt_pc_up "/zt/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/zt")
+  string(REGEX REPLACE "/$" "" zt_pc_up "${zt_pc_up}")
   set(ZT_PC_PREFIX "\${pcfiledir}/${zt_pc_up}")
   set(ZT_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
   set(ZT_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the benchmarks need,
+# when any is missing (Debian 12). Runs as root, or through sudo when that is
+# available. Extra packages may be named on the command line.
+set -euo pipefail
+
+# Everything the project needs from the system, in one place.
+ZT_PACKAGES=(
+  # Build tools
+  cmake ninja-build g++ gcc pkg-config binutils
+  # Tests
+  libgtest-dev libgmock-dev
+  # Benchmarks, and oneTBB to compare the task queues against
+  libbenchmark-dev libtbb-dev
+  # Block compressors
+  zlib1g-dev liblz4-dev
+)
+
+packages=("${ZT_PACKAGES[@]}" "$@")
+
+if ! command -v dpkg-query >/dev/null; then
+  echo "deps: not a Debian system; install these yourself: ${packages[*]}" >&2
+  exit 0
+fi
+
+missing=()
+for pkg in "${packages[@]}"; do
+  if [[ $(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true) != "install ok installed" ]]; then
+    missing+=("$pkg")
+  fi
+done
+if [[ ${#missing[@]} -eq 0 ]]; then
+  echo "deps: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+echo "deps: installing ${missing[*]}"
+as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  if command -v sudo >/dev/null; then
+    as_root=(sudo -n)
+  else
+    echo "deps: missing ${missing[*]}; run this script as root" >&2
+    exit 1
+  fi
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q </dev/null
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+  "${missing[@]}" </dev/null
