@@ -14,6 +14,11 @@ ZT_PACKAGES=(
   libbenchmark-dev libtbb-dev
   # Block compressors
   zlib1g-dev liblz4-dev
+  # Test oracles and benchmark peers: Little CMS for the colour arithmetic and
+  # the table interpolators, libtiff for the PackBits, LZW and Group 4 codecs
+  liblcms2-dev libtiff-dev
+  # The fuzz targets: clang with libFuzzer
+  clang libclang-rt-14-dev
 )
 
 packages=("${ZT_PACKAGES[@]}" "$@")
