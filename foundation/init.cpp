@@ -8,6 +8,7 @@
 // image-file module, the screening cache, resampling, colour management and
 // the table interpolators, cryptography, and last the periodic-task thread.
 // Modules that are not built yet take their place in that order when they are.
+#include "colour/ztcms_internal.h"
 #include "foundation/log_internal.h"
 #include "foundation/periodic_internal.h"
 #include "foundation/simd_dispatch.h"
@@ -15,6 +16,7 @@
 
 #include <zt/init.h>
 #include <zt/random.h>
+#include <zt/table_interpolator.h>
 #include <zt/threadpool.h>
 #include <zt/threads.h>
 #include <zt/zttime.h>
@@ -45,6 +47,8 @@ ZT_API void ZT_InitSubSystems(void) {
   pthread_taskq_init_default();
   zt::scratch_dir_init();
   threadpoolStaticInit();
+  ZTCMSStaticInit();
+  TableInterpolatorStaticInit();
   g_initialised.store(true);
   zt::periodic_start();
 }
@@ -56,6 +60,8 @@ ZT_API void ZT_DeInitSubSystems(void) {
   // The pool ends the periodic thread, so the task records can go after it.
   threadpoolStaticFree();
   zt::periodic_free_all();
+  TableInterpolatorStaticFree();
+  ZTCMSStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();
   pthread_taskq_destroy_default();

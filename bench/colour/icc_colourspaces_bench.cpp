@@ -1,0 +1,189 @@
+// Nanoseconds per call of the colour arithmetic that conversions run per
+// colour: XYZ to Lab, Lab to XYZ, CIEDE2000 and Bradford adaptation, each
+// beside Little CMS's counterpart on the same inputs. The program ends by
+// printing our time over Little CMS's for each pair (below 1 is faster).
+#include <benchmark/benchmark.h>
+#include <zt/init.h>
+#include <zt/ztcms.h>
+
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#if defined(ZT_HAVE_LCMS2)
+#include <lcms2.h>
+#endif
+
+namespace {
+
+constexpr size_t kCount = 4096;
+
+struct Triple {
+  double v[3];
+};
+
+// Colours within the white (one in sixteen near black, where the linear
+// segments apply), the same colours as Lab, pairs of Lab colours over the
+// whole range for the differences, and four whites to adapt between.
+struct Inputs {
+  std::vector<Triple> xyz, lab_of_xyz, lab, lab2;
+  Triple whites[4] = {
+      {{0.9642, 1.0, 0.8249}}, {{0.9505, 1.0, 1.0888}}, {{1.0985, 1.0, 0.3558}}, {{0.9497, 1.0, 1.2264}}};
+
+  Inputs() {
+    std::mt19937_64 rng(42);
+    std::uniform_real_distribution<double> unit(0.0, 1.0), l(0.0, 100.0), ab(-110.0, 110.0), near(-3.0, 3.0);
+    for (size_t i = 0; i < kCount; ++i) {
+      const double scale = i % 16 == 0 ? 0.005 : 1.0;
+      xyz.push_back({{unit(rng) * 0.96 * scale, unit(rng) * scale, unit(rng) * 0.82 * scale}});
+      Triple converted;
+      ZTCMS_XYZToLab(xyz.back().v, whites[0].v, converted.v);
+      lab_of_xyz.push_back(converted);
+      const Triple a = {{l(rng), ab(rng), ab(rng)}};
+      lab.push_back(a);
+      // Half the pairs close together, as in tolerance checks; half anywhere.
+      lab2.push_back(i % 2 == 0 ? Triple{{a.v[0] + near(rng), a.v[1] + near(rng), a.v[2] + near(rng)}}
+                                : Triple{{l(rng), ab(rng), ab(rng)}});
+    }
+  }
+};
+
+const Inputs &inputs() {
+  static const Inputs in;
+  return in;
+}
+
+template <typename Body>
+void per_call(benchmark::State &state, Body body) {
+  for (auto _ : state) {
+    for (size_t i = 0; i < kCount; ++i) body(i);
+    benchmark::ClobberMemory();
+  }
+  const double calls = static_cast<double>(state.iterations()) * kCount;
+  state.SetItemsProcessed(static_cast<int64_t>(calls));
+  state.counters["ns_per_call"] =
+      benchmark::Counter(calls, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_ZTCMS_XYZToLab(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<Triple> out(kCount);
+  per_call(state, [&](size_t i) { ZTCMS_XYZToLab(in.xyz[i].v, in.whites[0].v, out[i].v); });
+}
+BENCHMARK(BM_ZTCMS_XYZToLab);
+
+void BM_ZTCMS_LabToXYZ(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<Triple> out(kCount);
+  per_call(state, [&](size_t i) { ZTCMS_LabToXYZ(in.lab_of_xyz[i].v, in.whites[0].v, out[i].v); });
+}
+BENCHMARK(BM_ZTCMS_LabToXYZ);
+
+void BM_ZTCMS_CIE2000(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<double> out(kCount);
+  per_call(state, [&](size_t i) { out[i] = ZTCMS_ColourDiff_CIE2000(in.lab[i].v, in.lab2[i].v); });
+}
+BENCHMARK(BM_ZTCMS_CIE2000);
+
+void BM_ZTCMS_Adaptation(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<Triple> out(kCount);
+  per_call(state, [&](size_t i) {
+    ZTCMS_Chromatic_Adaptation(in.xyz[i].v, in.whites[i & 3].v, in.whites[(i >> 2) & 3].v,
+                               ZTCMS_ADAPT_BRADFORD, out[i].v);
+  });
+}
+BENCHMARK(BM_ZTCMS_Adaptation);
+
+#if defined(ZT_HAVE_LCMS2)
+const cmsCIEXYZ *as_xyz(const Triple &t) { return reinterpret_cast<const cmsCIEXYZ *>(t.v); }
+const cmsCIELab *as_lab(const Triple &t) { return reinterpret_cast<const cmsCIELab *>(t.v); }
+
+void BM_LCMS_XYZToLab(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<cmsCIELab> out(kCount);
+  per_call(state, [&](size_t i) { cmsXYZ2Lab(as_xyz(in.whites[0]), &out[i], as_xyz(in.xyz[i])); });
+}
+BENCHMARK(BM_LCMS_XYZToLab);
+
+void BM_LCMS_LabToXYZ(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<cmsCIEXYZ> out(kCount);
+  per_call(state, [&](size_t i) { cmsLab2XYZ(as_xyz(in.whites[0]), &out[i], as_lab(in.lab_of_xyz[i])); });
+}
+BENCHMARK(BM_LCMS_LabToXYZ);
+
+void BM_LCMS_CIE2000(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<double> out(kCount);
+  per_call(state,
+           [&](size_t i) { out[i] = cmsCIE2000DeltaE(as_lab(in.lab[i]), as_lab(in.lab2[i]), 1, 1, 1); });
+}
+BENCHMARK(BM_LCMS_CIE2000);
+
+void BM_LCMS_Adaptation(benchmark::State &state) {
+  const Inputs &in = inputs();
+  std::vector<cmsCIEXYZ> out(kCount);
+  per_call(state, [&](size_t i) {
+    cmsAdaptToIlluminant(&out[i], as_xyz(in.whites[i & 3]), as_xyz(in.whites[(i >> 2) & 3]),
+                         as_xyz(in.xyz[i]));
+  });
+}
+BENCHMARK(BM_LCMS_Adaptation);
+#endif
+
+// Prints as usual and keeps each run's ns_per_call counter (seconds per call,
+// shown with its SI prefix; the median when the runs are repeated) for the
+// closing ratios.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs) {
+      auto counter = run.counters.find("ns_per_call");
+      if (counter == run.counters.end()) continue;
+      const std::string &key = run.run_name.function_name;
+      if (run.run_type == Run::RT_Aggregate) {
+        if (run.aggregate_name == "median") medians_[key] = counter->second.value;
+      } else {
+        last_[key] = counter->second.value;
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  // 0 when the benchmark did not run.
+  double ns_per_call(const std::string &key) const {
+    if (auto it = medians_.find(key); it != medians_.end()) return it->second;
+    if (auto it = last_.find(key); it != last_.end()) return it->second;
+    return 0;
+  }
+
+ private:
+  std::map<std::string, double> medians_, last_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  // The inverse cone matrices are computed at start-up.
+  ZT_InitSubSystems();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  for (const char *name : {"XYZToLab", "LabToXYZ", "CIE2000", "Adaptation"}) {
+    const double ours = reporter.ns_per_call(std::string("BM_ZTCMS_") + name) * 1e9;
+    const double peer = reporter.ns_per_call(std::string("BM_LCMS_") + name) * 1e9;
+    if (ours > 0 && peer > 0) {
+      std::printf("ratio ztcms/lcms %-10s %6.2f ns / %6.2f ns = %.2f\n", name, ours, peer, ours / peer);
+    } else {
+      std::printf("ratio ztcms/lcms %-10s not measured\n", name);
+    }
+  }
+  ZT_DeInitSubSystems();
+  return 0;
+}

@@ -1,0 +1,377 @@
+// The table interpolators' per-pixel arithmetic, written once for both
+// processor forms: table_interpolator.cpp compiles it as the baseline and
+// table_interpolator_avx2.cpp with AVX2, each in its own namespace.
+//
+// Every output goes through the same single-precision operations in the same
+// order on both forms, so they agree to the bit: the vector form only runs
+// eight pixels side by side (one pixel per lane, corners fetched by gathers)
+// where the baseline runs one. The same holds for the clamp before rounding:
+// max/min are written as the comparisons the vector instructions perform, so
+// even a NaN in a grid lands on the same value.
+#ifndef ZT_KERNEL_NS
+#error "define ZT_KERNEL_NS before including table_interpolator_kernels.h"
+#endif
+
+#include <stddef.h>
+#include <stdint.h>
+#include <zt/table_interpolator.h>
+
+#if defined(__AVX2__)
+#include <immintrin.h>
+#endif
+
+#ifndef ZT_COLOUR_TABLE_INTERPOLATOR_LINE
+#define ZT_COLOUR_TABLE_INTERPOLATOR_LINE
+namespace zt::colour {
+
+// One line, or one band of columns of a line, for convert_line. Samples are
+// 8 or 16 bits; with interleave 1 each channel's row starts `*_plane` samples
+// after the previous channel's, otherwise a pixel's channels lie together.
+struct InterpLine {
+  const ZT_InterpGrid *grid;
+  const void *source;
+  void *destination;
+  uint32_t pixels;
+  uint32_t source_plane;
+  uint32_t destination_plane;
+  uint32_t interleave;
+  uint32_t sample_bytes;
+  int32_t scheme;
+};
+
+using ConvertLineFn = void (*)(const InterpLine &line);
+
+}  // namespace zt::colour
+#endif
+
+namespace zt::colour::ZT_KERNEL_NS {
+
+// Pixels staged per step of a line: small enough for the stack, large
+// enough that the staging loops run long.
+constexpr uint32_t kChunk = 64;
+constexpr uint32_t kLanes = 8;
+
+// ---------------------------------------------------------------------------
+// Arithmetic on one value (float) or eight lanes (__m256), so that the blends
+// below are one body for both.
+
+inline float v_add(float a, float b) { return a + b; }
+inline float v_sub(float a, float b) { return a - b; }
+inline float v_mul(float a, float b) { return a * b; }
+inline float v_splat(float a, float) { return a; }
+
+#if defined(__AVX2__)
+inline __m256 v_add(__m256 a, __m256 b) { return _mm256_add_ps(a, b); }
+inline __m256 v_sub(__m256 a, __m256 b) { return _mm256_sub_ps(a, b); }
+inline __m256 v_mul(__m256 a, __m256 b) { return _mm256_mul_ps(a, b); }
+inline __m256 v_splat(float a, __m256) { return _mm256_set1_ps(a); }
+#endif
+
+// a + (b - a) * f: a at f = 0 exactly.
+template <typename V>
+inline V v_lerp(V a, V b, V f) {
+  return v_add(a, v_mul(v_sub(b, a), f));
+}
+
+// Blends the 2^kIn corner values c along every axis in turn, first input
+// first: corner k and corner k + half differ in the first remaining input.
+// Leaves the result in c[0].
+template <uint32_t kIn, typename V>
+inline V blend_trilinear(V *c, const V *f) {
+#pragma GCC unroll 4
+  for (uint32_t a = 0; a < kIn; ++a) {
+    const uint32_t count = (1u << kIn) >> (a + 1);
+#pragma GCC unroll 8
+    for (uint32_t k = 0; k < count; ++k) c[k] = v_lerp(c[k], c[k + count], f[a]);
+  }
+  return c[0];
+}
+
+// The triangle on the first two inputs, for each combination j of the other
+// inputs (corner j, the middle corner and the diagonal corner j + 3 * 2^(kIn - 2)),
+// then the linear blend along the other inputs with weights 1 - f and f.
+template <uint32_t kIn, typename V>
+inline V blend_prism(const V *origin, const V *middle, const V *diagonal, V w0, V w1, V w2, const V *f_rest) {
+  constexpr uint32_t kFaces = 1u << (kIn - 2);
+  V t[kFaces];
+#pragma GCC unroll 4
+  for (uint32_t j = 0; j < kFaces; ++j)
+    t[j] = v_add(v_add(v_mul(origin[j], w0), v_mul(middle[j], w1)), v_mul(diagonal[j], w2));
+  const V one = v_splat(1.0f, w0);
+#pragma GCC unroll 2
+  for (uint32_t a = 0; a + 2 < kIn; ++a) {
+    const uint32_t count = kFaces >> (a + 1);
+    const V keep = v_sub(one, f_rest[a]);
+#pragma GCC unroll 2
+    for (uint32_t k = 0; k < count; ++k) t[k] = v_add(v_mul(t[k], keep), v_mul(t[k + count], f_rest[a]));
+  }
+  return t[0];
+}
+
+// Round half up to 16 bits; the clamp only matters for grids that stray off
+// the 0 ... 65535 scale.
+inline uint16_t round16(float x) {
+  float r = x + 0.5f;
+  r = r > 0.0f ? r : 0.0f;
+  r = r < 65535.0f ? r : 65535.0f;
+  return static_cast<uint16_t>(static_cast<int32_t>(r));
+}
+
+// ---------------------------------------------------------------------------
+// One pixel.
+
+// The cell index and fraction of one input. 65535 is reached from the last
+// cell with fraction 1, never as the base of a cell beyond the grid.
+struct Axis {
+  uint32_t index;
+  float fraction;
+};
+
+inline Axis locate(const ZT_InterpGrid &g, uint32_t v) {
+  if (v == 65535u) return {g.points - 2, 1.0f};
+  const float p = static_cast<float>(static_cast<int32_t>(v)) * g.scale;
+  const int32_t index = static_cast<int32_t>(p);
+  return {static_cast<uint32_t>(index), p - static_cast<float>(index)};
+}
+
+// Interpolates the inputs in[0 ... kIn - 1] (16-bit values) and writes output
+// o to out[o * out_step]. kOut 0 takes the count from the grid.
+template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
+inline void pixel(const ZT_InterpGrid &g, const uint32_t *in, uint16_t *out, size_t out_step) {
+  constexpr uint32_t kCorners = 1u << kIn;
+  const uint32_t m = kOut != 0 ? kOut : g.outputs;
+  float f[kIn];
+  uint32_t base = 0;
+  for (uint32_t a = 0; a < kIn; ++a) {
+    const Axis axis = locate(g, in[a]);
+    f[a] = axis.fraction;
+    base += axis.index * g.strides[a];
+  }
+  const float *cell = g.values + static_cast<size_t>(base) * m;
+  if constexpr (kScheme == ZT_INTERP_TRILINEAR) {
+    for (uint32_t o = 0; o < m; ++o) {
+      float c[kCorners];
+#pragma GCC unroll 16
+      for (uint32_t k = 0; k < kCorners; ++k) c[k] = cell[g.corners[k] + o];
+      out[o * out_step] = round16(blend_trilinear<kIn>(c, f));
+    }
+  } else {
+    constexpr uint32_t kFaces = 1u << (kIn - 2);
+    const bool first = f[0] > f[1];
+    const float w0 = 1.0f - (first ? f[0] : f[1]);
+    const float w1 = first ? f[0] - f[1] : f[1] - f[0];
+    const float w2 = first ? f[1] : f[0];
+    const uint32_t middle = first ? 2 * kFaces : kFaces;
+    for (uint32_t o = 0; o < m; ++o) {
+      float origin[kFaces], mid[kFaces], diagonal[kFaces];
+      for (uint32_t j = 0; j < kFaces; ++j) {
+        origin[j] = cell[g.corners[j] + o];
+        mid[j] = cell[g.corners[middle + j] + o];
+        diagonal[j] = cell[g.corners[3 * kFaces + j] + o];
+      }
+      out[o * out_step] = round16(blend_prism<kIn>(origin, mid, diagonal, w0, w1, w2, f + 2));
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Eight pixels: lanes i ... i + 7 of the staged inputs and outputs.
+
+#if defined(__AVX2__)
+
+inline void store16(uint16_t *out, __m256 x) {
+  __m256 r = _mm256_add_ps(x, _mm256_set1_ps(0.5f));
+  r = _mm256_max_ps(r, _mm256_setzero_ps());
+  r = _mm256_min_ps(r, _mm256_set1_ps(65535.0f));
+  const __m256i q = _mm256_cvttps_epi32(r);
+  const __m128i packed = _mm_packus_epi32(_mm256_castsi256_si128(q), _mm256_extracti128_si256(q, 1));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out), packed);
+}
+
+template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
+inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_t (*out)[kChunk],
+                   uint32_t i) {
+  constexpr uint32_t kCorners = 1u << kIn;
+  const uint32_t m = kOut != 0 ? kOut : g.outputs;
+  const __m256i last_cell = _mm256_set1_epi32(static_cast<int32_t>(g.points - 2));
+  const __m256i top_input = _mm256_set1_epi32(65535);
+  const __m256 scale = _mm256_set1_ps(g.scale);
+  const __m256 one = _mm256_set1_ps(1.0f);
+  __m256 f[kIn];
+  __m256i base = _mm256_setzero_si256();
+#pragma GCC unroll 4
+  for (uint32_t a = 0; a < kIn; ++a) {
+    const __m256i v = _mm256_load_si256(reinterpret_cast<const __m256i *>(in[a] + i));
+    const __m256 p = _mm256_mul_ps(_mm256_cvtepi32_ps(v), scale);
+    __m256i index = _mm256_cvttps_epi32(p);
+    __m256 fraction = _mm256_sub_ps(p, _mm256_cvtepi32_ps(index));
+    const __m256i top = _mm256_cmpeq_epi32(v, top_input);
+    index = _mm256_blendv_epi8(index, last_cell, top);
+    f[a] = _mm256_blendv_ps(fraction, one, _mm256_castsi256_ps(top));
+    base = _mm256_add_epi32(base,
+                            _mm256_mullo_epi32(index, _mm256_set1_epi32(static_cast<int32_t>(g.strides[a]))));
+  }
+  base = _mm256_mullo_epi32(base, _mm256_set1_epi32(static_cast<int32_t>(m)));
+  if constexpr (kScheme == ZT_INTERP_TRILINEAR) {
+    __m256i corner[kCorners];
+#pragma GCC unroll 16
+    for (uint32_t k = 0; k < kCorners; ++k)
+      corner[k] = _mm256_add_epi32(base, _mm256_set1_epi32(static_cast<int32_t>(g.corners[k])));
+    for (uint32_t o = 0; o < m; ++o) {
+      const float *plane = g.values + o;
+      __m256 c[kCorners];
+#pragma GCC unroll 16
+      for (uint32_t k = 0; k < kCorners; ++k) c[k] = _mm256_i32gather_ps(plane, corner[k], 4);
+      store16(out[o] + i, blend_trilinear<kIn>(c, f));
+    }
+  } else {
+    constexpr uint32_t kFaces = 1u << (kIn - 2);
+    const __m256 first = _mm256_cmp_ps(f[0], f[1], _CMP_GT_OQ);
+    const __m256 w0 = _mm256_sub_ps(one, _mm256_blendv_ps(f[1], f[0], first));
+    const __m256 w1 = _mm256_blendv_ps(_mm256_sub_ps(f[1], f[0]), _mm256_sub_ps(f[0], f[1]), first);
+    const __m256 w2 = _mm256_blendv_ps(f[0], f[1], first);
+    const __m256i first_mask = _mm256_castps_si256(first);
+    __m256i origin_at[kFaces], mid_at[kFaces], diagonal_at[kFaces];
+#pragma GCC unroll 4
+    for (uint32_t j = 0; j < kFaces; ++j) {
+      origin_at[j] = _mm256_add_epi32(base, _mm256_set1_epi32(static_cast<int32_t>(g.corners[j])));
+      const __m256i b_corner = _mm256_set1_epi32(static_cast<int32_t>(g.corners[kFaces + j]));
+      const __m256i a_corner = _mm256_set1_epi32(static_cast<int32_t>(g.corners[2 * kFaces + j]));
+      mid_at[j] = _mm256_add_epi32(base, _mm256_blendv_epi8(b_corner, a_corner, first_mask));
+      diagonal_at[j] =
+          _mm256_add_epi32(base, _mm256_set1_epi32(static_cast<int32_t>(g.corners[3 * kFaces + j])));
+    }
+    for (uint32_t o = 0; o < m; ++o) {
+      const float *plane = g.values + o;
+      __m256 origin[kFaces], mid[kFaces], diagonal[kFaces];
+#pragma GCC unroll 4
+      for (uint32_t j = 0; j < kFaces; ++j) {
+        origin[j] = _mm256_i32gather_ps(plane, origin_at[j], 4);
+        mid[j] = _mm256_i32gather_ps(plane, mid_at[j], 4);
+        diagonal[j] = _mm256_i32gather_ps(plane, diagonal_at[j], 4);
+      }
+      store16(out[o] + i, blend_prism<kIn>(origin, mid, diagonal, w0, w1, w2, f + 2));
+    }
+  }
+}
+
+#endif
+
+// Interpolates `count` staged pixels: in[a][i] is input a of pixel i,
+// out[o][i] receives output o.
+template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
+inline void interpolate_chunk(const ZT_InterpGrid &g, uint32_t (*in)[kChunk], uint16_t (*out)[kChunk],
+                              uint32_t count) {
+#if defined(__AVX2__)
+  // The lanes past the end compute grid point 0 and are never unpacked.
+  const uint32_t padded = (count + kLanes - 1) & ~(kLanes - 1);
+  for (uint32_t a = 0; a < kIn; ++a)
+    for (uint32_t i = count; i < padded; ++i) in[a][i] = 0;
+  for (uint32_t i = 0; i < padded; i += kLanes) lanes8<kIn, kScheme, kOut>(g, in, out, i);
+#else
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t v[kIn];
+    for (uint32_t a = 0; a < kIn; ++a) v[a] = in[a][i];
+    pixel<kIn, kScheme, kOut>(g, v, &out[0][i], kChunk);
+  }
+#endif
+}
+
+// ---------------------------------------------------------------------------
+// Lines of 8- or 16-bit samples.
+
+inline uint32_t widen(uint16_t v) { return v; }
+inline uint32_t widen(uint8_t v) { return static_cast<uint32_t>(v) * 257u; }
+
+template <typename T>
+inline T narrow(uint32_t v);
+template <>
+inline uint16_t narrow<uint16_t>(uint32_t v) {
+  return static_cast<uint16_t>(v);
+}
+// floor(v * 255 / 65535 + 0.5): q / 65535 for q below 2^24 without a divide.
+template <>
+inline uint8_t narrow<uint8_t>(uint32_t v) {
+  const uint32_t q = v * 255u + 32767u;
+  return static_cast<uint8_t>((q + (q >> 16) + 1u) >> 16);
+}
+
+template <uint32_t kIn, int32_t kScheme, uint32_t kOut, typename T>
+void convert_line_typed(const InterpLine &line) {
+  const ZT_InterpGrid &g = *line.grid;
+  const uint32_t m = kOut != 0 ? kOut : g.outputs;
+  const T *source = static_cast<const T *>(line.source);
+  T *destination = static_cast<T *>(line.destination);
+  alignas(32) uint32_t in[kIn][kChunk];
+  alignas(32) uint16_t out[kOut != 0 ? kOut : ZT_INTERP_MAX_OUTPUTS][kChunk];
+  for (uint32_t x = 0; x < line.pixels; x += kChunk) {
+    const uint32_t count = line.pixels - x < kChunk ? line.pixels - x : kChunk;
+    if (line.interleave != 0) {
+      for (uint32_t a = 0; a < kIn; ++a) {
+        const T *row = source + static_cast<size_t>(a) * line.source_plane + x;
+        for (uint32_t i = 0; i < count; ++i) in[a][i] = widen(row[i]);
+      }
+    } else {
+      const T *pixels = source + static_cast<size_t>(x) * kIn;
+      for (uint32_t i = 0; i < count; ++i) {
+#pragma GCC unroll 4
+        for (uint32_t a = 0; a < kIn; ++a) in[a][i] = widen(pixels[i * kIn + a]);
+      }
+    }
+    interpolate_chunk<kIn, kScheme, kOut>(g, in, out, count);
+    if (line.interleave != 0) {
+      for (uint32_t o = 0; o < m; ++o) {
+        T *row = destination + static_cast<size_t>(o) * line.destination_plane + x;
+        for (uint32_t i = 0; i < count; ++i) row[i] = narrow<T>(out[o][i]);
+      }
+    } else {
+      T *pixels = destination + static_cast<size_t>(x) * m;
+      for (uint32_t i = 0; i < count; ++i) {
+#pragma GCC unroll 4
+        for (uint32_t o = 0; o < m; ++o) pixels[static_cast<size_t>(i) * m + o] = narrow<T>(out[o][i]);
+      }
+    }
+  }
+}
+
+template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
+void convert_line_depth(const InterpLine &line) {
+  if (line.sample_bytes == 1)
+    convert_line_typed<kIn, kScheme, kOut, uint8_t>(line);
+  else
+    convert_line_typed<kIn, kScheme, kOut, uint16_t>(line);
+}
+
+template <uint32_t kIn, int32_t kScheme>
+void convert_line_outputs(const InterpLine &line) {
+  switch (line.grid->outputs) {
+    case 3:
+      convert_line_depth<kIn, kScheme, 3>(line);
+      break;
+    case 4:
+      convert_line_depth<kIn, kScheme, 4>(line);
+      break;
+    default:
+      convert_line_depth<kIn, kScheme, 0>(line);
+      break;
+  }
+}
+
+// The entry the dispatch table points at: one switch per line on the table's
+// shape and the sample size, then loops specialised for it.
+void convert_line(const InterpLine &line) {
+  const bool prism = line.scheme == ZT_INTERP_PRISM;
+  if (line.grid->inputs == 4) {
+    if (prism)
+      convert_line_outputs<4, ZT_INTERP_PRISM>(line);
+    else
+      convert_line_outputs<4, ZT_INTERP_TRILINEAR>(line);
+  } else {
+    if (prism)
+      convert_line_outputs<3, ZT_INTERP_PRISM>(line);
+    else
+      convert_line_outputs<3, ZT_INTERP_TRILINEAR>(line);
+  }
+}
+
+}  // namespace zt::colour::ZT_KERNEL_NS
