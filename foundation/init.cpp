@@ -15,6 +15,7 @@
 #include "foundation/startup.h"
 
 #include <zt/init.h>
+#include <zt/packets.h>
 #include <zt/random.h>
 #include <zt/table_interpolator.h>
 #include <zt/threadpool.h>
@@ -47,6 +48,7 @@ ZT_API void ZT_InitSubSystems(void) {
   pthread_taskq_init_default();
   zt::scratch_dir_init();
   threadpoolStaticInit();
+  ZT_packetsInitSubSystem();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
   g_initialised.store(true);
@@ -57,6 +59,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   std::lock_guard<std::mutex> guard(g_init_mutex);
   if (!g_initialised.load()) return;
   zt::periodic_stop();
+  ZT_packetsDeInitSubSystem();
   // The pool ends the periodic thread, so the task records can go after it.
   threadpoolStaticFree();
   zt::periodic_free_all();

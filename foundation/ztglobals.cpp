@@ -4,6 +4,7 @@
 
 #include <zt/init.h>
 #include <zt/lists.h>
+#include <zt/packets.h>
 #include <zt/threads.h>
 
 #include <atomic>
@@ -54,10 +55,14 @@ ZT_API ZTGlobals *ZTGetGlobals(void) { return g_globals.load(); }
 ZT_API void ZTDestroyGlobals(void) {
   ZTGlobals *globals = g_globals.exchange(nullptr);
   if (globals == nullptr) return;
-  for (auto &packets : globals->packet_lists) {
-    FreeList(&packets.list);
-    std::free(packets.side_buffer);
+  // The lists go first: freeing them reads their classes' field tables.
+  constexpr uint32_t kListClasses[3] = {12, 18, 22};
+  for (int i = 0; i < 3; ++i) {
+    ZTPacketFreeList(&globals->packet_lists[i].list, kListClasses[i]);
+    std::free(globals->packet_lists[i].side_buffer);
   }
+  if (globals->storage_classes != nullptr)
+    ZTDestroyStorageClasses(static_cast<ZTStorageClasses *>(globals->storage_classes));
   ZTFreeVariables(&globals->variables);
   ZT_LOCK_DESTROY(&globals->lock);
   std::free(globals);

@@ -1,0 +1,301 @@
+// The 44-byte packet header and reading packets from sockets and buffers.
+// Sockets are waited on with poll, so descriptors of any number work, and one
+// deadline covers a whole header or body, so a peer that trickles bytes is
+// dropped within the caller's time-out.
+#include "foundation/zt_internal.h"
+#include "packets/packets_internal.h"
+
+#include <zt/packets.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+using zt::packets::kModule;
+
+namespace {
+
+constexpr const char *kWireModule = "ztlp";
+constinit std::atomic<uint64_t> g_max_body{ZT_PACKET_DEFAULT_BODY_LIMIT};
+
+using Clock = std::chrono::steady_clock;
+
+// Waits until `fd` is ready for `events` or the deadline passes. 1 ready,
+// 0 time-out, -1 poll failed or reported something else.
+int wait_ready(int fd, short events, Clock::time_point deadline, const char *function, const char *not_set) {
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return 0;
+    pollfd p{fd, events, 0};
+    const int rc = ::poll(&p, 1, left > 1000000 ? 1000000 : static_cast<int>(left));
+    if (rc == 0) continue;
+    if (rc < 0) {
+      if (errno == EINTR) continue;
+      ZT_LOG(kWireModule, function, "socket select error %d", errno);
+      return -1;
+    }
+    if (p.revents & (events | POLLHUP | POLLERR)) return 1;
+    ZT_LOG(kWireModule, function, "%s", not_set);
+    return -1;
+  }
+}
+
+Clock::time_point deadline_of(int32_t seconds) { return Clock::now() + std::chrono::seconds(seconds < 0 ? 0 : seconds); }
+
+int parse_field(const char *p, uint32_t &out) {
+  uint64_t v = 0;
+  for (int i = 0; i < 8; ++i) {
+    const auto c = static_cast<uint8_t>(p[i]);
+    if (!zt::packets::g_hex_valid[c]) return -1;
+    v = v * 16 + zt::packets::g_hex_value[c];
+  }
+  if (p[8] != '\n') return -1;
+  out = static_cast<uint32_t>(v);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZT_API void ZTPacketSetMaxBodyLength(uint64_t bytes) {
+  g_max_body.store(bytes == 0 ? ZT_PACKET_DEFAULT_BODY_LIMIT : bytes);
+}
+
+ZT_API uint64_t ZTPacketGetMaxBodyLength(void) { return g_max_body.load(); }
+
+ZT_API int32_t AddPacketHeader(ZTPacketMemory *pm, uint32_t field1, uint32_t field3, uint32_t field2) {
+  if (pm == nullptr) {
+    ZT_LOG(kModule, "AddPacketHeader", "PacketMemory Struct Is NULL No Processing Done");
+    return -1;
+  }
+  if (pm->body_length > 0xffffffffu) {
+    ZT_LOG(kModule, "AddPacketHeader", "Packet body of %llu bytes does not fit the header",
+           static_cast<unsigned long long>(pm->body_length));
+    return -1;
+  }
+  if (MaintainPacketHeaderMemory(pm, ZT_PACKET_HEADER_SIZE) != 0) return -1;
+  char text[ZT_PACKET_HEADER_SIZE + 1];
+  std::snprintf(text, sizeof text, "%s%08x\n%08x\n%08x\n%08x\n", ZT_PACKET_MAGIC, field1, field2, field3,
+                static_cast<uint32_t>(pm->body_length));
+  std::memcpy(pm->header, text, ZT_PACKET_HEADER_SIZE);
+  return 0;
+}
+
+ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, int32_t timeout_seconds) {
+  const char *fn = "ReadPacketHeaderFromSocket";
+  if (header == nullptr || socket < 0) {
+    ZT_LOG(kWireModule, fn, "NULL pointer passed");
+    return -1;
+  }
+  char buf[ZT_PACKET_HEADER_SIZE];
+  size_t got = 0;
+  const auto deadline = deadline_of(timeout_seconds);
+  while (got < ZT_PACKET_HEADER_SIZE) {
+    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
+    if (ready < 0) return -1;
+    if (ready == 0) {
+      if (got == 0) return 1;
+      ZT_LOG(kWireModule, fn, "Timeout waiting for packet header");
+      return -1;
+    }
+    const ssize_t n = ::recv(socket, buf + got, ZT_PACKET_HEADER_SIZE - got, 0);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) {
+      if (n == 0)
+        ZT_LOG(kWireModule, fn, "Socket closed on other end");
+      else
+        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
+      return -1;
+    }
+    got += static_cast<size_t>(n);
+  }
+  if (std::memcmp(buf, ZT_PACKET_MAGIC, 8) != 0) {
+    ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
+    return -1;
+  }
+  ZTPacketHeader h{};
+  if (parse_field(buf + 8, h.field1) || parse_field(buf + 17, h.field2) || parse_field(buf + 26, h.field3) ||
+      parse_field(buf + 35, h.field4)) {
+    ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
+    return -1;
+  }
+  h.header_bytes = ZT_PACKET_HEADER_SIZE;
+  *header = h;
+  return 0;
+}
+
+ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header, ZTPacketMemory **packet_memory,
+                                        int32_t timeout_seconds) {
+  const char *fn = "ReadPacketBodyFromSocket";
+  if (header == nullptr || packet_memory == nullptr || socket < 0) {
+    ZT_LOG(kWireModule, fn, "NULL pointer passed");
+    return -1;
+  }
+  *packet_memory = nullptr;
+  const uint64_t length = header->field4;
+  if (length > g_max_body.load()) {
+    ZT_LOG(kWireModule, fn, "Packet body of %llu bytes is above the limit of %llu bytes",
+           static_cast<unsigned long long>(length), static_cast<unsigned long long>(g_max_body.load()));
+    return -1;
+  }
+  ZTPacketMemory *pm = InitAllocPacketMemory(0);
+  if (pm == nullptr) {
+    ZT_LOG(kWireModule, fn, "INITALLOC FAILED");
+    return -1;
+  }
+  if (MaintainPacketMemory(pm, length + 1) != 0) {
+    ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
+    FreePacketMemory(&pm);
+    return -1;
+  }
+  uint64_t got = 0;
+  const auto deadline = deadline_of(timeout_seconds);
+  int result = 0;
+  while (got < length) {
+    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
+    if (ready <= 0) {
+      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
+      result = ready == 0 ? 1 : -1;
+      break;
+    }
+    const uint64_t want = length - got;
+    const ssize_t n = ::recv(socket, pm->data + got, want, 0);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) {
+      if (n == 0)
+        ZT_LOG(kWireModule, fn, "Socket closed on other end");
+      else
+        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
+      result = -1;
+      break;
+    }
+    if (static_cast<uint64_t>(n) > want) {
+      ZT_LOG(kWireModule, fn, "Requested %d bytes of data but read %d bytes from socket: %d. Memory might be corrupted",
+             static_cast<int>(want), static_cast<int>(n), socket);
+      result = -1;
+      break;
+    }
+    got += static_cast<uint64_t>(n);
+  }
+  if (result != 0) {
+    FreePacketMemory(&pm);
+    return result;
+  }
+  pm->ptr = pm->data + length;
+  *pm->ptr = '\0';
+  pm->body_length = length;
+  pm->total_length = length;
+  *packet_memory = pm;
+  return 0;
+}
+
+ZT_API int32_t ReadPacketHeaderFromBuffer(const void *bytes, uint64_t length, ZTPacketHeader *header) {
+  const char *fn = "ReadPacketHeaderFromBuffer";
+  if (header == nullptr || (bytes == nullptr && length != 0)) {
+    ZT_LOG(kWireModule, fn, "NULL pointer passed");
+    return -1;
+  }
+  const auto *p = static_cast<const uint8_t *>(bytes);
+  const char *magic = ZT_PACKET_MAGIC;
+  // State 0 matches the magic; states 1 to 4 gather the four fields.
+  int state = 0;
+  size_t matched = 0;
+  uint32_t digits = 0;
+  uint64_t value = 0;
+  uint32_t fields[4] = {0, 0, 0, 0};
+  for (uint64_t i = 0; i < length; ++i) {
+    const uint8_t c = p[i];
+    if (state == 0) {
+      if (c == static_cast<uint8_t>(magic[matched])) {
+        if (++matched == 8) state = 1;
+      } else {
+        matched = c == static_cast<uint8_t>(magic[0]) ? 1 : 0;
+      }
+      continue;
+    }
+    if (c == '\n') {
+      if (digits == 0) {
+        ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
+        return -1;
+      }
+      fields[state - 1] = static_cast<uint32_t>(value);
+      value = 0;
+      digits = 0;
+      if (++state == 5) {
+        *header = ZTPacketHeader{fields[0], fields[1], fields[2], fields[3], static_cast<uint32_t>(i + 1)};
+        return 0;
+      }
+      continue;
+    }
+    if (!zt::packets::g_hex_valid[c] || ++digits > 8) {
+      ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
+      return -1;
+    }
+    value = value * 16 + zt::packets::g_hex_value[c];
+  }
+  return 1;
+}
+
+ZT_API int32_t ReadPacketBodyFromBuffer(const void *bytes, uint64_t length, const ZTPacketHeader *header,
+                                        ZTPacketMemory **packet_memory) {
+  const char *fn = "ReadPacketBodyFromBuffer";
+  if (header == nullptr || packet_memory == nullptr || (bytes == nullptr && length != 0)) {
+    ZT_LOG(kWireModule, fn, "NULL pointer passed");
+    return -1;
+  }
+  *packet_memory = nullptr;
+  if (header->field4 > g_max_body.load()) {
+    ZT_LOG(kWireModule, fn, "Packet body of %llu bytes is above the limit of %llu bytes",
+           static_cast<unsigned long long>(header->field4), static_cast<unsigned long long>(g_max_body.load()));
+    return -1;
+  }
+  if (length < header->field4) return 1;
+  ZTPacketMemory *pm = InitAllocPacketMemory(0);
+  if (pm == nullptr) {
+    ZT_LOG(kWireModule, fn, "INITALLOC FAILED");
+    return -1;
+  }
+  if (AppendPacketMemory(pm, bytes, header->field4) != 0) {
+    ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
+    FreePacketMemory(&pm);
+    return -1;
+  }
+  *packet_memory = pm;
+  return 0;
+}
+
+ZT_API int32_t ZTPacketSendToSocket(int socket, const ZTPacketMemory *pm, int32_t timeout_seconds) {
+  const char *fn = "ZTPacketSendToSocket";
+  if (pm == nullptr || socket < 0) {
+    ZT_LOG(kWireModule, fn, "NULL pointer passed");
+    return -1;
+  }
+  const char *p = pm->header;
+  uint64_t left = pm->total_length;
+  const auto deadline = deadline_of(timeout_seconds);
+  while (left > 0) {
+    const ssize_t n = ::send(socket, p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      p += n;
+      left -= static_cast<uint64_t>(n);
+      continue;
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+      const int ready = wait_ready(socket, POLLOUT, deadline, fn, "Got select but s is not set");
+      if (ready > 0) continue;
+      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting to send packet");
+      return -1;
+    }
+    ZT_LOG(kWireModule, fn, "Error %d while writing to socket", errno);
+    return -1;
+  }
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,66 @@
+// Shared by the packet modules: the storage-class registry as the encoder and
+// decoder see it, and the hexadecimal digit table.
+#pragma once
+
+#include <zt/packets.h>
+#include <zt/threads.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zt::packets {
+
+inline constexpr const char *kModule = "packets";
+
+// Digit values of the 256 characters (0 for anything that is not a hex digit),
+// and whether a character is a hex digit. Filled by ZT_packetsInitSubSystem.
+extern uint8_t g_hex_value[256];
+extern uint8_t g_hex_valid[256];
+void fill_hex_tables();
+
+struct ClassInfo {
+  uint32_t number = 0;
+  uint32_t item_size = 0;
+  std::vector<ZTFieldDesc> fields;   // without the end row
+  std::vector<std::string> names;    // owned copies the rows point into
+  std::string name, extra1, extra2;
+  uint32_t max_tag = 0;
+  std::vector<int32_t> by_tag;       // dense tag -> row, -1 for none
+
+  // Row index of `tag`, or -1.
+  int32_t find(uint64_t tag) const {
+    if (tag > max_tag) return -1;
+    return by_tag[static_cast<size_t>(tag)];
+  }
+};
+
+// Holds the current registry's read lock for its lifetime. lookup() gives
+// NULL for an unknown class without logging.
+class RegistryReader {
+ public:
+  RegistryReader();
+  ~RegistryReader();
+  RegistryReader(const RegistryReader &) = delete;
+  RegistryReader &operator=(const RegistryReader &) = delete;
+  const ClassInfo *lookup(uint32_t class_number) const;
+
+ private:
+  ZTStorageClasses *registry_;
+};
+
+// Logs "StorageClass: %d Not Decodable By System" from `function`.
+void log_bad_class(const char *function, uint32_t class_number);
+
+// Encoding and decoding with the registry already locked (nested calls).
+int encode_item(const RegistryReader &reg, const ClassInfo &cls, ZTPacketMemory *pm, const void *item);
+int encode_list(const RegistryReader &reg, const ClassInfo &cls, ZTPacketMemory *pm, const ZTListNode *list);
+
+// Item helpers with the registry locked.
+void free_field(const RegistryReader &reg, const ZTFieldDesc &f, void *item);
+void free_fields(const RegistryReader &reg, const ClassInfo &cls, void *item);
+void free_list(const RegistryReader &reg, const ClassInfo &cls, ZTListNode **list);
+void *alloc_item(const ClassInfo &cls, const char *module, const char *function);
+
+}  // namespace zt::packets
