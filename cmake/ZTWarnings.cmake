@@ -1,4 +1,10 @@
-set(ZT_WARNING_FLAGS -Wall -Wextra -Wshadow=local -Wno-unused-parameter)
+include(CheckCXXCompilerFlag)
+# -Wshadow=local is GCC's; clang (the fuzz build) does not know the spelling.
+check_cxx_compiler_flag(-Wshadow=local ZT_HAVE_WSHADOW_LOCAL)
+set(ZT_WARNING_FLAGS -Wall -Wextra -Wno-unused-parameter)
+if(ZT_HAVE_WSHADOW_LOCAL)
+  list(INSERT ZT_WARNING_FLAGS 2 -Wshadow=local)
+endif()
 if(ZT_WERROR)
   list(APPEND ZT_WARNING_FLAGS -Werror)
 endif()
