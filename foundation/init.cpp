@@ -13,7 +13,10 @@
 #include "foundation/periodic_internal.h"
 #include "foundation/simd_dispatch.h"
 #include "foundation/startup.h"
+#include "raster/buf_internal.h"
+#include "raster/interleave_internal.h"
 
+#include <zt/dither.h>
 #include <zt/init.h>
 #include <zt/packets.h>
 #include <zt/random.h>
@@ -49,6 +52,9 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::scratch_dir_init();
   threadpoolStaticInit();
   ZT_packetsInitSubSystem();
+  zt::raster::buf_kernels_init();
+  zt::raster::interleave_kernels_init();
+  ditherStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
   g_initialised.store(true);
@@ -65,6 +71,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   zt::periodic_free_all();
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
+  ditherStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();
   pthread_taskq_destroy_default();

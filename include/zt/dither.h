@@ -1,0 +1,67 @@
+/*
+ * Dithering of deep samples to 8 bits: 16-bit samples, and 24-bit values held
+ * in 32-bit words. Noise comes from three process-wide tables of triangular
+ * noise built by ditherStaticInit (library start-up) and read-only after it;
+ * each context walks one table from a random start, and its cursor carries
+ * over from call to call so that successive lines continue the sequence.
+ * A context belongs to one thread at a time.
+ */
+#ifndef ZT_DITHER_H
+#define ZT_DITHER_H
+
+#include <stdint.h>
+#include <zt/zt_api.h>
+
+ZT_EXTERN_C_BEGIN
+
+/* Methods. Any other value truncates. */
+#define ZT_DITHER_ROUND 1 /* the 16-to-8 table; 24 bits rounded */
+#define ZT_DITHER_NOISE 2 /* noise dithering */
+#define ZT_DITHER_ZERO 4  /* every output byte 0 */
+#define ZT_DITHER_IMAGE 5 /* whole-image screening */
+
+/* Noise kinds of method 2. Any other value uses the real-valued table. */
+#define ZT_DITHER_NOISE_WIDE 2
+#define ZT_DITHER_NOISE_NARROW 3
+
+/* Entries of each noise table. */
+#define ZT_DITHER_TABLE_SIZE 195659
+
+/* Caller-owned dither state. The table pointers point into the noise table
+ * selected by the noise kind (4-byte entries: float for the real table, int32
+ * for the others), or are null when no table is attached. */
+typedef struct DitherContext {
+  uint32_t method;
+  uint32_t noiseKind;
+  const void *tableStart;
+  const void *tableEnd;
+  const void *tableCursor;
+  void **channelScreens;
+  uint32_t channelCount;
+  uint32_t lineNumber;
+} DitherContext;
+
+/* Builds (ditherStaticInit) and frees the noise tables. Called by library
+ * start-up and shut-down; ditherStaticInit is idempotent and returns 0, or -1
+ * after logging "Cannot allocate memory". */
+ZT_API int32_t ditherStaticInit(void);
+ZT_API void ditherStaticFree(void);
+
+/* Sets a context up: method 0 means 2, noise kind 0 means 3. Method 2 attaches
+ * its noise table at a random start (no table while the tables are not built;
+ * the context then rounds through the 16-to-8 table). Returns 0, -1 for a null
+ * context. */
+ZT_API int32_t ditherSetup(DitherContext *context, uint32_t method, uint32_t noiseKind);
+/* `width` 16-bit samples in, `width` bytes out. Null context: nothing written. */
+ZT_API void ditherBuf16To8(DitherContext *context, uint8_t *out, const uint16_t *in, uint32_t width);
+/* `width` words of 0..0xFFFFFF in, `width` bytes out. Null context: nothing written. */
+ZT_API void ditherBuf24To8(DitherContext *context, uint8_t *out, const uint32_t *in, uint32_t width);
+/* Releases what the context holds; frees the context itself (allocated with
+ * malloc) when freeContext is non-zero. Null is ignored. */
+ZT_API void ditherCleanup(DitherContext *context, int32_t freeContext);
+/* A random value of triangular distribution on [low, high] peaking at mode. */
+ZT_API double TPDF(double low, double mode, double high);
+
+ZT_EXTERN_C_END
+
+#endif

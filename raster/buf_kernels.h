@@ -1,0 +1,341 @@
+// The per-sample depth converters and the 16-to-8 noise-dither kernel, one
+// body for every dispatch level. buf.cpp includes it with ZT_KERNEL_NS
+// baseline, buf_avx2.cpp with avx2; the vector blocks compile only in the
+// latter and give the same bits as the scalar loops they stand for.
+#ifndef ZT_KERNEL_NS
+#error "define ZT_KERNEL_NS before including buf_kernels.h"
+#endif
+
+#include <cstddef>
+#include <cstdint>
+
+#if defined(__AVX2__)
+#include <immintrin.h>
+#endif
+
+namespace zt::raster::ZT_KERNEL_NS {
+
+// `npix` pixels of a 1-bit row from its first bit; a row may end mid-byte.
+void copy1to8(uint8_t *dst, const uint8_t *src, size_t npix) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  // Each of 32 lanes picks its source byte and tests its own bit.
+  const __m256i shuffle = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2,
+                                           2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
+  const __m256i bits = _mm256_set1_epi64x(static_cast<int64_t>(0x0102040810204080ull));
+  for (; i + 32 <= npix; i += 32) {
+    uint32_t word;
+    __builtin_memcpy(&word, src + i / 8, 4);
+    const __m256i bytes = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int32_t>(word)), shuffle);
+    const __m256i hit = _mm256_cmpeq_epi8(_mm256_and_si256(bytes, bits), bits);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), hit);
+  }
+#endif
+  for (; i + 8 <= npix; i += 8) {
+    const uint32_t b = src[i / 8];
+    dst[i + 0] = static_cast<uint8_t>(0u - ((b >> 7) & 1u));
+    dst[i + 1] = static_cast<uint8_t>(0u - ((b >> 6) & 1u));
+    dst[i + 2] = static_cast<uint8_t>(0u - ((b >> 5) & 1u));
+    dst[i + 3] = static_cast<uint8_t>(0u - ((b >> 4) & 1u));
+    dst[i + 4] = static_cast<uint8_t>(0u - ((b >> 3) & 1u));
+    dst[i + 5] = static_cast<uint8_t>(0u - ((b >> 2) & 1u));
+    dst[i + 6] = static_cast<uint8_t>(0u - ((b >> 1) & 1u));
+    dst[i + 7] = static_cast<uint8_t>(0u - (b & 1u));
+  }
+  for (; i < npix; ++i) dst[i] = static_cast<uint8_t>(0u - ((src[i / 8] >> (7 - i % 8)) & 1u));
+}
+
+void copy1to16(uint16_t *dst, const uint8_t *src, size_t npix) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  // Sixteen pixels: each byte lane tests its bit, then widens 0xFF to 0xFFFF.
+  const __m128i shuffle = _mm_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
+  const __m128i bits = _mm_set1_epi64x(static_cast<int64_t>(0x0102040810204080ull));
+  for (; i + 16 <= npix; i += 16) {
+    uint16_t pair;
+    __builtin_memcpy(&pair, src + i / 8, 2);
+    const __m128i bytes = _mm_shuffle_epi8(_mm_set1_epi16(static_cast<int16_t>(pair)), shuffle);
+    const __m128i hit = _mm_cmpeq_epi8(_mm_and_si128(bytes, bits), bits);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), _mm256_cvtepi8_epi16(hit));
+  }
+#endif
+  for (; i + 8 <= npix; i += 8) {
+    const uint32_t b = src[i / 8];
+    for (uint32_t k = 0; k < 8; ++k) dst[i + k] = static_cast<uint16_t>(0u - ((b >> (7 - k)) & 1u));
+  }
+  for (; i < npix; ++i) dst[i] = static_cast<uint16_t>(0u - ((src[i / 8] >> (7 - i % 8)) & 1u));
+}
+
+void copy8to16(uint16_t *dst, const uint8_t *src, size_t n) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  const __m256i k257 = _mm256_set1_epi16(257);
+  for (; i + 32 <= n; i += 32) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i + 16));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i),
+                        _mm256_mullo_epi16(_mm256_cvtepu8_epi16(a), k257));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i + 16),
+                        _mm256_mullo_epi16(_mm256_cvtepu8_epi16(b), k257));
+  }
+#endif
+  for (; i + 8 <= n; i += 8) {
+    for (size_t k = 0; k < 8; ++k) dst[i + k] = static_cast<uint16_t>(src[i + k] * 257u);
+  }
+  for (; i < n; ++i) dst[i] = static_cast<uint16_t>(src[i] * 257u);
+}
+
+// The vector form computes the table's rule, floor(v * 255 / 65535 + 0.5),
+// as (v * 255 + 32895) >> 16, which matches it for every 16-bit v: the high
+// half of v * 255 plus the carry out of the low half.
+void copy16to8(uint8_t *dst, const uint16_t *src, size_t n, const uint8_t *table) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  const __m256i k255 = _mm256_set1_epi16(255);
+  const __m256i carry_from = _mm256_set1_epi16(static_cast<int16_t>(32641));
+  for (; i + 32 <= n; i += 32) {
+    __m256i r[2];
+    for (int k = 0; k < 2; ++k) {
+      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i + 16 * k));
+      const __m256i hi = _mm256_mulhi_epu16(v, k255);
+      const __m256i lo = _mm256_mullo_epi16(v, k255);
+      const __m256i carry = _mm256_cmpeq_epi16(_mm256_max_epu16(lo, carry_from), lo);
+      r[k] = _mm256_sub_epi16(hi, carry);
+    }
+    const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(r[0], r[1]), 0xD8);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), packed);
+  }
+#endif
+  for (; i + 8 <= n; i += 8) {
+    dst[i + 0] = table[src[i + 0]];
+    dst[i + 1] = table[src[i + 1]];
+    dst[i + 2] = table[src[i + 2]];
+    dst[i + 3] = table[src[i + 3]];
+    dst[i + 4] = table[src[i + 4]];
+    dst[i + 5] = table[src[i + 5]];
+    dst[i + 6] = table[src[i + 6]];
+    dst[i + 7] = table[src[i + 7]];
+  }
+  for (; i < n; ++i) dst[i] = table[src[i]];
+}
+
+// One sample of noise dithering with integer noise: `narrow` is kind 3 (the
+// sum may drop below 1), else kind 2 (noise never negative).
+inline uint8_t dither_int_sample(uint32_t s, int32_t noise, bool narrow) {
+  const int32_t v = static_cast<int32_t>(s) + noise;
+  if (narrow && v < 1) return 0;
+  if (v < 65535) return static_cast<uint8_t>(v / 257);
+  return 255;
+}
+
+inline uint8_t dither_real_sample(uint32_t s, float noise) {
+  const float v = static_cast<float>(s) / 257.0f + noise;
+  if (v <= 0.0f) return 0;
+  if (v >= 255.0f) return 255;
+  return static_cast<uint8_t>(v);
+}
+
+#if defined(__AVX2__)
+// For each mask of the samples that take noise, the index of the noise entry
+// each lane uses: the count of taking lanes before it.
+struct ExpandIndex {
+  int32_t lane[256][8];
+};
+constexpr ExpandIndex make_expand_index() {
+  ExpandIndex t{};
+  for (int m = 0; m < 256; ++m) {
+    int rank = 0;
+    for (int i = 0; i < 8; ++i) {
+      t.lane[m][i] = rank;
+      if ((m >> i) & 1) ++rank;
+    }
+  }
+  return t;
+}
+constexpr ExpandIndex kExpandIndex = make_expand_index();
+
+// Eight samples as eight 32-bit lanes, the mask of lanes that take noise, and
+// the noise for them from `cursor` onwards (the caller ensures 8 entries).
+inline __m256i dither_lanes(const uint16_t *in, const int32_t *cursor, uint32_t *taken, __m256i *noise) {
+  const __m256i s = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in)));
+  const __m256i zero = _mm256_cmpeq_epi32(s, _mm256_setzero_si256());
+  const __m256i full = _mm256_cmpeq_epi32(s, _mm256_set1_epi32(65535));
+  const uint32_t skip =
+      static_cast<uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(zero, full))));
+  const uint32_t mask = ~skip & 0xFFu;
+  const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor));
+  *noise = mask == 0xFFu
+               ? raw
+               : _mm256_permutevar8x32_epi32(
+                     raw, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(kExpandIndex.lane[mask])));
+  *taken = static_cast<uint32_t>(__builtin_popcount(mask));
+  return s;
+}
+
+inline void store8(uint8_t *out, __m256i q) {
+  const __m256i pack = _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4, 8,
+                                        12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m256i b = _mm256_shuffle_epi8(q, pack);
+  const uint32_t words[2] = {static_cast<uint32_t>(_mm256_extract_epi32(b, 0)),
+                             static_cast<uint32_t>(_mm256_extract_epi32(b, 4))};
+  __builtin_memcpy(out, words, 8);
+}
+
+// Sixteen results of 0..255 in two vectors of 32-bit lanes, stored in order.
+inline void store16x(uint8_t *out, __m256i q0, __m256i q1) {
+  const __m256i w = _mm256_permute4x64_epi64(_mm256_packus_epi32(q0, q1), 0xD8);
+  const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(w, w), 0x08);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out), _mm256_castsi256_si128(b));
+}
+
+// True when none of 16 samples is an end (0 or 65535), so all take noise.
+inline bool no_ends16(__m256i raw) {
+  const __m256i ends = _mm256_or_si256(_mm256_cmpeq_epi16(raw, _mm256_setzero_si256()),
+                                       _mm256_cmpeq_epi16(raw, _mm256_set1_epi32(-1)));
+  return _mm256_testz_si256(ends, ends) != 0;
+}
+
+// x / 257 for 0 <= x < 2^17: x * 65281 as (x << 16) - (x << 8) + x, modulo
+// 2^32 like the product, then >> 24.
+inline __m256i div257(__m256i x) {
+  return _mm256_srli_epi32(
+      _mm256_add_epi32(_mm256_sub_epi32(_mm256_slli_epi32(x, 16), _mm256_slli_epi32(x, 8)), x), 24);
+}
+#endif
+
+// Noise dithering of `n` samples with an integer table; returns the cursor
+// after the entries taken. Samples of 0 and 65535 take no noise.
+const int32_t *dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int32_t *start,
+                               const int32_t *end, const int32_t *cursor, bool narrow) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  // Both kinds reduce to clamp(s + n, 0, 65535) / 257 with the ends forced:
+  // a sum below 1 gives 0 either way and one at or past 65535 gives 255;
+  // (x * 65281) >> 24 divides by 257 exactly for every x below 2^17.
+  const __m256i top = _mm256_set1_epi32(65535);
+  for (; i + 8 <= n; i += 8) {
+    // Sixteen at a time while no sample is an end: the noise is contiguous.
+    if (i + 16 <= n && end - cursor >= 16) {
+      const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
+      if (no_ends16(raw)) {
+        const __m256i s0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(raw));
+        const __m256i s1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(raw, 1));
+        const __m256i n0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor));
+        const __m256i n1 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor + 8));
+        const __m256i v0 =
+            _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s0, n0), _mm256_setzero_si256()), top);
+        const __m256i v1 =
+            _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s1, n1), _mm256_setzero_si256()), top);
+        store16x(out + i, div257(v0), div257(v1));
+        cursor += 16;
+        if (cursor == end) cursor = start;
+        i += 8;
+        continue;
+      }
+    }
+    if (end - cursor < 8) {
+      // Close to the wrap: these eight go one by one.
+      for (size_t k = i; k < i + 8; ++k) {
+        const uint32_t s1 = in[k];
+        if (s1 == 0 || s1 == 65535) {
+          out[k] = static_cast<uint8_t>(s1 & 255u);
+        } else {
+          out[k] = dither_int_sample(s1, *cursor, narrow);
+          if (++cursor == end) cursor = start;
+        }
+      }
+      continue;
+    }
+    uint32_t taken;
+    __m256i noise;
+    const __m256i s = dither_lanes(in + i, cursor, &taken, &noise);
+    __m256i v = _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s, noise), _mm256_setzero_si256()), top);
+    v = div257(v);
+    // Lanes at the ends keep their own value: 0 gives 0, 65535 gives 255.
+    const __m256i ends =
+        _mm256_or_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), _mm256_cmpeq_epi32(s, top));
+    v = _mm256_blendv_epi8(v, _mm256_and_si256(s, _mm256_set1_epi32(255)), ends);
+    store8(out + i, v);
+    cursor += taken;
+    if (cursor == end) cursor = start;
+  }
+#endif
+  for (; i < n; ++i) {
+    const uint32_t s = in[i];
+    if (s == 0) {
+      out[i] = 0;
+    } else if (s == 65535) {
+      out[i] = 255;
+    } else {
+      out[i] = dither_int_sample(s, *cursor, narrow);
+      if (++cursor == end) cursor = start;
+    }
+  }
+  return cursor;
+}
+
+const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const float *start,
+                              const float *end, const float *cursor) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  const __m256 k257 = _mm256_set1_ps(257.0f);
+  const __m256 k255 = _mm256_set1_ps(255.0f);
+  const __m256i top = _mm256_set1_epi32(65535);
+  for (; i + 8 <= n; i += 8) {
+    if (i + 16 <= n && end - cursor >= 16) {
+      const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
+      if (no_ends16(raw)) {
+        const __m256 f0 = _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(_mm256_castsi256_si128(raw)));
+        const __m256 f1 = _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(_mm256_extracti128_si256(raw, 1)));
+        __m256 v0 = _mm256_add_ps(_mm256_div_ps(f0, k257), _mm256_loadu_ps(cursor));
+        __m256 v1 = _mm256_add_ps(_mm256_div_ps(f1, k257), _mm256_loadu_ps(cursor + 8));
+        v0 = _mm256_min_ps(_mm256_max_ps(v0, _mm256_setzero_ps()), k255);
+        v1 = _mm256_min_ps(_mm256_max_ps(v1, _mm256_setzero_ps()), k255);
+        store16x(out + i, _mm256_cvttps_epi32(v0), _mm256_cvttps_epi32(v1));
+        cursor += 16;
+        if (cursor == end) cursor = start;
+        i += 8;
+        continue;
+      }
+    }
+    if (end - cursor < 8) {
+      for (size_t k = i; k < i + 8; ++k) {
+        const uint32_t s1 = in[k];
+        if (s1 == 0 || s1 == 65535) {
+          out[k] = static_cast<uint8_t>(s1 & 255u);
+        } else {
+          out[k] = dither_real_sample(s1, *cursor);
+          if (++cursor == end) cursor = start;
+        }
+      }
+      continue;
+    }
+    uint32_t taken;
+    __m256i noise;
+    const __m256i s = dither_lanes(in + i, reinterpret_cast<const int32_t *>(cursor), &taken, &noise);
+    __m256 v = _mm256_add_ps(_mm256_div_ps(_mm256_cvtepi32_ps(s), k257), _mm256_castsi256_ps(noise));
+    v = _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), k255);
+    __m256i q = _mm256_cvttps_epi32(v);
+    const __m256i ends =
+        _mm256_or_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), _mm256_cmpeq_epi32(s, top));
+    q = _mm256_blendv_epi8(q, _mm256_and_si256(s, _mm256_set1_epi32(255)), ends);
+    store8(out + i, q);
+    cursor += taken;
+    if (cursor == end) cursor = start;
+  }
+#endif
+  for (; i < n; ++i) {
+    const uint32_t s = in[i];
+    if (s == 0) {
+      out[i] = 0;
+    } else if (s == 65535) {
+      out[i] = 255;
+    } else {
+      out[i] = dither_real_sample(s, *cursor);
+      if (++cursor == end) cursor = start;
+    }
+  }
+  return cursor;
+}
+
+}  // namespace zt::raster::ZT_KERNEL_NS
