@@ -3,6 +3,8 @@
 // beside Little CMS's counterpart on the same inputs. The program ends by
 // printing our time over Little CMS's for each pair (below 1 is faster).
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 #include <zt/init.h>
 #include <zt/ztcms.h>
 
@@ -135,36 +137,6 @@ void BM_LCMS_Adaptation(benchmark::State &state) {
 BENCHMARK(BM_LCMS_Adaptation);
 #endif
 
-// Prints as usual and keeps each run's ns_per_call counter (seconds per call,
-// shown with its SI prefix; the median when the runs are repeated) for the
-// closing ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      auto counter = run.counters.find("ns_per_call");
-      if (counter == run.counters.end()) continue;
-      const std::string &key = run.run_name.function_name;
-      if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") medians_[key] = counter->second.value;
-      } else {
-        last_[key] = counter->second.value;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  // 0 when the benchmark did not run.
-  double ns_per_call(const std::string &key) const {
-    if (auto it = medians_.find(key); it != medians_.end()) return it->second;
-    if (auto it = last_.find(key); it != last_.end()) return it->second;
-    return 0;
-  }
-
- private:
-  std::map<std::string, double> medians_, last_;
-};
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -172,12 +144,13 @@ int main(int argc, char **argv) {
   ZT_InitSubSystems();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  // ns_per_call holds seconds per call (shown with its SI prefix).
+  zt::bench::CounterReporter reporter("ns_per_call");
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   for (const char *name : {"XYZToLab", "LabToXYZ", "CIE2000", "Adaptation"}) {
-    const double ours = reporter.ns_per_call(std::string("BM_ZTCMS_") + name) * 1e9;
-    const double peer = reporter.ns_per_call(std::string("BM_LCMS_") + name) * 1e9;
+    const double ours = reporter.value(std::string("BM_ZTCMS_") + name) * 1e9;
+    const double peer = reporter.value(std::string("BM_LCMS_") + name) * 1e9;
     if (ours > 0 && peer > 0) {
       std::printf("ratio ztcms/lcms %-10s %6.2f ns / %6.2f ns = %.2f\n", name, ours, peer, ours / peer);
     } else {

@@ -3,6 +3,8 @@
 // trip of one function through a warm pool. The program ends by printing the
 // cost of our queue relative to TBB at 100,000 tasks per call.
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 #include <semaphore.h>
 #include <zt/init.h>
 #include <zt/threadpool.h>
@@ -95,47 +97,18 @@ void BM_ThreadPool_ExecuteRoundTrip(benchmark::State &state) {
 }
 BENCHMARK(BM_ThreadPool_ExecuteRoundTrip)->UseRealTime();
 
-// Prints as usual and keeps each run's ns_per_task (the median when the runs
-// are repeated) for the closing ratio.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      auto counter = run.counters.find("ns_per_task");
-      if (counter == run.counters.end()) continue;
-      const std::string key = run.run_name.function_name + "/" + run.run_name.args;
-      if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") medians_[key] = counter->second.value;
-      } else {
-        last_[key] = counter->second.value;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  // 0 when the benchmark did not run.
-  double ns_per_task(const std::string &key) const {
-    if (auto it = medians_.find(key); it != medians_.end()) return it->second;
-    if (auto it = last_.find(key); it != last_.end()) return it->second;
-    return 0;
-  }
-
- private:
-  std::map<std::string, double> medians_, last_;
-};
-
 }  // namespace
 
 int main(int argc, char **argv) {
   ZT_InitSubSystems();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  zt::bench::CounterReporter reporter("ns_per_task");
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   const std::string args = std::to_string(kRatioCount);
-  const double ours = reporter.ns_per_task("BM_TaskQ_EnqueueMultipleAndWait/" + args);
-  const double tbb = reporter.ns_per_task("BM_TBB_TaskGroup/" + args);
+  const double ours = reporter.value("BM_TaskQ_EnqueueMultipleAndWait/" + args);
+  const double tbb = reporter.value("BM_TBB_TaskGroup/" + args);
   if (ours > 0 && tbb > 0)
     std::printf("ratio taskq/tbb at %lld tasks: %.2f\n", static_cast<long long>(kRatioCount), ours / tbb);
   else

@@ -33,6 +33,8 @@
 #endif
 #ifdef ZT_HAVE_TIFF
 #include <tiffio.h>
+
+#include "support/tiff_memory.h"
 #endif
 
 namespace {
@@ -374,51 +376,7 @@ void BM_LZ4_Decode(benchmark::State &state, Data d) {
 #endif
 
 #ifdef ZT_HAVE_TIFF
-// A one-strip TIFF in memory.
-class MemoryTiff {
- public:
-  TIFF *open(const char *mode) {
-    pos_ = 0;
-    return TIFFClientOpen("memory", mode, this, read_proc, write_proc, seek_proc, close_proc, size_proc,
-                          map_proc, unmap_proc);
-  }
-  void clear() { bytes_.clear(); }
-
- private:
-  static tmsize_t read_proc(thandle_t h, void *buf, tmsize_t size) {
-    auto *m = static_cast<MemoryTiff *>(h);
-    const size_t n =
-        std::min(static_cast<size_t>(size), m->bytes_.size() - std::min(m->pos_, m->bytes_.size()));
-    if (n) std::memcpy(buf, m->bytes_.data() + m->pos_, n);
-    m->pos_ += n;
-    return static_cast<tmsize_t>(n);
-  }
-  static tmsize_t write_proc(thandle_t h, void *buf, tmsize_t size) {
-    auto *m = static_cast<MemoryTiff *>(h);
-    const size_t n = static_cast<size_t>(size);
-    if (m->pos_ + n > m->bytes_.size()) m->bytes_.resize(m->pos_ + n);
-    std::memcpy(m->bytes_.data() + m->pos_, buf, n);
-    m->pos_ += n;
-    return size;
-  }
-  static toff_t seek_proc(thandle_t h, toff_t off, int whence) {
-    auto *m = static_cast<MemoryTiff *>(h);
-    if (whence == SEEK_SET)
-      m->pos_ = off;
-    else if (whence == SEEK_CUR)
-      m->pos_ += off;
-    else
-      m->pos_ = m->bytes_.size() + off;
-    return m->pos_;
-  }
-  static int close_proc(thandle_t) { return 0; }
-  static toff_t size_proc(thandle_t h) { return static_cast<MemoryTiff *>(h)->bytes_.size(); }
-  static int map_proc(thandle_t, void **, toff_t *) { return 0; }
-  static void unmap_proc(thandle_t, void *, toff_t) {}
-
-  Bytes bytes_;
-  size_t pos_ = 0;
-};
+using zt::test::MemoryTiff;
 
 struct TiffShape {
   uint32_t width, height;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "compress_data.h"
-#include "tiff_memory.h"
+#include "support/tiff_memory.h"
 
 namespace {
 

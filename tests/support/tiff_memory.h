@@ -1,6 +1,7 @@
 // libtiff as an independent codec: one-strip TIFF files built and read in
 // memory, so that its PackBits, LZW and Group 4 coders can read what ours
-// write (raw strips) and write what ours must read.
+// write (raw strips) and write what ours must read. The codec tests use it as
+// their oracle and the compressor benchmark as its peer.
 #pragma once
 
 #ifdef ZT_HAVE_TIFF
@@ -28,6 +29,7 @@ class MemoryTiff {
   MemoryTiff() = default;
   explicit MemoryTiff(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
   const std::vector<uint8_t> &bytes() const { return bytes_; }
+  void clear() { bytes_.clear(); }
 
   TIFF *open(const char *mode) {
     pos_ = 0;
