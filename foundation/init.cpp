@@ -20,6 +20,7 @@
 #include <zt/init.h>
 #include <zt/packets.h>
 #include <zt/random.h>
+#include <zt/resample.h>
 #include <zt/table_interpolator.h>
 #include <zt/threadpool.h>
 #include <zt/threads.h>
@@ -55,6 +56,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
   ditherStaticInit();
+  resampleStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
   g_initialised.store(true);
@@ -71,6 +73,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   zt::periodic_free_all();
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
+  resampleStaticFree();
   ditherStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();

@@ -17,6 +17,8 @@ ZT_PACKAGES=(
   # Test oracles and benchmark peers: Little CMS for the colour arithmetic and
   # the table interpolators, libtiff for the PackBits, LZW and Group 4 codecs
   liblcms2-dev libtiff-dev
+  # Benchmark peer for the resampler: libvips reduce/resize with the same kernels
+  libvips-dev
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
 )

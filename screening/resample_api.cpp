@@ -1,0 +1,125 @@
+// The exported resample and scale families: thin shims over one engine, each
+// logging under its own module.
+#include "foundation/zt_internal.h"
+#include "screening/resample_internal.h"
+
+using zt::screening::Family;
+namespace rs = zt::screening;
+
+extern "C" {
+
+ZT_API int32_t resampleStaticInit(void) {
+  rs::cache_start();
+  return rs::resample_kernels_init();
+}
+
+ZT_API void resampleStaticFree(void) { rs::cache_stop(); }
+
+ZT_API ResampleContext *resampleInit(uint32_t type, uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
+                                     uint32_t outHeight, uint32_t planes, uint32_t bppIn, uint32_t bppOut,
+                                     ResampleReadFn readScanline, ResampleSkipFn skipScanline,
+                                     ResampleProducerFn producer, void *userData) {
+  return rs::context_create(Family::kResample, "resampleInit", type, inWidth, inHeight, outWidth, outHeight,
+                            planes, bppIn, bppOut, readScanline, skipScanline, producer, userData,
+                            ZT_RESAMPLE_DEFAULT_FILTER);
+}
+
+ZT_API ResampleContext *resampleInitUsingFilter(uint32_t type, uint32_t inWidth, uint32_t inHeight,
+                                                uint32_t outWidth, uint32_t outHeight, uint32_t planes,
+                                                uint32_t bppIn, uint32_t bppOut, ResampleReadFn readScanline,
+                                                ResampleSkipFn skipScanline, ResampleProducerFn producer,
+                                                void *userData, uint32_t filterId) {
+  return rs::context_create(Family::kResample, "resampleInitUsingFilter", type, inWidth, inHeight, outWidth,
+                            outHeight, planes, bppIn, bppOut, readScanline, skipScanline, producer, userData,
+                            filterId);
+}
+
+ZT_API int32_t resampleFilteredSetFilter(ResampleContext *context, uint32_t id) {
+  return rs::context_set_filter(context, id, "resampleFilteredSetFilter");
+}
+
+ZT_API int32_t resampleGetNextScanline(ResampleContext *context, ScanlineBuf *scanline) {
+  return rs::context_next_scanline(context, scanline, "resampleGetNextScanline");
+}
+
+ZT_API int32_t resampleSetCanSkipScanlines(ResampleContext *context, uint32_t flag) {
+  if (context == nullptr) {
+    ZT_LOG("resample", "resampleSetCanSkipScanlines", "NULL pointer caught");
+    return -1;
+  }
+  context->canSkipScanlines = flag != 0;
+  return 0;
+}
+
+ZT_API int32_t resampleSetIOBoundTask(ResampleContext *context, uint32_t flag) {
+  if (context == nullptr) {
+    ZT_LOG("resample", "resampleSetIOBoundTask", "NULL pointer caught");
+    return -1;
+  }
+  context->ioBoundTask = flag != 0;
+  return 0;
+}
+
+ZT_API int32_t resampleSetupThreads(ResampleContext *context, uint32_t threads) {
+  return rs::context_setup_threads(context, threads, "resampleSetupThreads");
+}
+
+ZT_API void resampleFree(ResampleContext *context) { rs::context_free(context); }
+
+ZT_API int32_t resampleFilteredInitFromCache(ResampleContext *context) {
+  return rs::context_cache_init(context, "resampleFilteredInitFromCache");
+}
+ZT_API int32_t resampleFilteredAddToCache(ResampleContext *context) {
+  return rs::context_cache_add(context, "resampleFilteredAddToCache");
+}
+ZT_API int32_t resampleFilteredCacheRemoveReference(ResampleContext *context) {
+  return rs::context_cache_remove(context, "resampleFilteredCacheRemoveReference");
+}
+
+ZT_API ScaleContext *ScaleInit(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth, uint32_t outHeight,
+                               uint32_t planes, uint32_t bppIn, uint32_t bppOut, ResampleReadFn readScanline,
+                               ResampleSkipFn skipScanline, void *userData) {
+  return rs::context_create(Family::kScale, "ScaleInit", ZT_RESAMPLE_FILTERED, inWidth, inHeight, outWidth,
+                            outHeight, planes, bppIn, bppOut, readScanline, skipScanline, nullptr, userData,
+                            ZT_SCALE_DEFAULT_FILTER);
+}
+
+ZT_API ScaleContext *ScaleInitUsingFilter(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
+                                          uint32_t outHeight, uint32_t planes, uint32_t bppIn, uint32_t bppOut,
+                                          ResampleReadFn readScanline, ResampleSkipFn skipScanline,
+                                          void *userData, uint32_t filterId) {
+  return rs::context_create(Family::kScale, "ScaleInitUsingFilter", ZT_RESAMPLE_FILTERED, inWidth, inHeight,
+                            outWidth, outHeight, planes, bppIn, bppOut, readScanline, skipScanline, nullptr,
+                            userData, filterId);
+}
+
+ZT_API int32_t FilteredScaleSetFilter(ScaleContext *context, uint32_t id) {
+  return rs::context_set_filter(context, id, "FilteredScaleSetFilter");
+}
+
+ZT_API int32_t ScaleGetNextScanline(ScaleContext *context, ScanlineBuf *scanline) {
+  return rs::context_next_scanline(context, scanline, "ScaleGetNextScanline");
+}
+
+ZT_API int32_t ScaleSetCanSkipScanlines(ScaleContext *context, uint32_t flag) {
+  if (context == nullptr) {
+    ZT_LOG("scale", "ScaleSetCanSkipScanlines", "NULL pointer caught");
+    return -1;
+  }
+  context->canSkipScanlines = flag != 0;
+  return 0;
+}
+
+ZT_API void ScaleFree(ScaleContext *context) { rs::context_free(context); }
+
+ZT_API int32_t scaleFilteredInitFromCache(ScaleContext *context) {
+  return rs::context_cache_init(context, "scaleFilteredInitFromCache");
+}
+ZT_API int32_t scaleFilteredAddToCache(ScaleContext *context) {
+  return rs::context_cache_add(context, "scaleFilteredAddToCache");
+}
+ZT_API int32_t scaleFilteredCacheRemoveReference(ScaleContext *context) {
+  return rs::context_cache_remove(context, "scaleFilteredCacheRemoveReference");
+}
+
+}  // extern "C"
