@@ -4,11 +4,13 @@
 //
 // Output lines are made a batch at a time (enough lines for a few hundred
 // kilobytes of output), so that the split over the task queue pays for its
-// wake-ups; the batch's input lines are read first, on the caller's thread,
-// in order, then every part filters its columns of those lines along the row
-// into the ring and combines the ring lines into its columns of the batch.
-// The arithmetic of a column does not depend on the part that made it, so
-// the output is the same for any split.
+// wake-ups. Every part filters its columns of the batch's new input lines
+// along the row into the ring, then combines the ring lines into its columns
+// of the batch. Meanwhile the caller's thread reads, in order, the input
+// lines of the next batch: reading is the one step that cannot be split, and
+// this way it overlaps the work instead of adding to it. Raw lines therefore
+// have twice the ring's slots. The arithmetic of a column does not depend on
+// the part that made it, so the output is the same for any split.
 #include "foundation/zt_internal.h"
 #include "screening/resample_internal.h"
 
@@ -25,7 +27,7 @@ namespace zt::screening {
 namespace {
 
 // Output bytes a batch aims at, and its bounds in lines.
-constexpr uint64_t kBatchBytes = 256 * 1024;
+constexpr uint64_t kBatchBytes = 128 * 1024;
 constexpr uint32_t kMaxBatchLines = 32;
 // Narrower lines are not worth splitting.
 constexpr uint64_t kSplitSamples = 4096;
@@ -73,8 +75,8 @@ struct ResampleEngine {
 
   uint32_t batch = 1; // output lines a batch
   uint32_t ring = 1;  // input lines the ring holds
-  // Raw input lines, slot = line % ring: read in place (8-bit to 8-bit) or
-  // through `readLine` and turned into floats.
+  // Raw input lines, slot = line % (2 * ring): read in place (8-bit to 8-bit)
+  // or through `readLine` and turned into floats.
   zt::screening::ScanlinePtr raw;
   std::vector<ScanlineBuf> rawViews;
   zt::screening::ScanlinePtr readLine;
@@ -91,6 +93,8 @@ struct ResampleEngine {
   uint32_t batchFirst = 0, batchEnd = 0;
   // Input lines of the running batch that still need filtering along the row.
   uint32_t newFirst = 0, newEnd = 0;
+  uint32_t filtered = 0;       // input lines below this are in the ring
+  bool readAheadFailed = false; // reported by the next batch
 
   zt::screening::ScanlinePtr scratch; // for lines consumed unseen
   std::vector<zt::screening::TaskPart> parts;
@@ -99,6 +103,7 @@ struct ResampleEngine {
   bool failed = false;
   uint32_t planes = 1;
   uint32_t outBits = 8;
+  uint32_t running = 0; // parts of the running batch
 
   ~ResampleEngine() {
     if (completionReady) pthread_taskq_completion_destroy(&completion);
@@ -160,6 +165,8 @@ bool prepare_buffers(ResampleContext *c) {
   }
   e->ring = ring;
   e->batchFirst = e->batchEnd = 0;
+  e->filtered = 0;
+  const uint32_t rawSlots = 2 * ring;
 
   const bool fixed = w.fixedPoint;
   e->rawViews.clear();
@@ -171,11 +178,11 @@ bool prepare_buffers(ResampleContext *c) {
   if (fixed) {
     // Filled with zeros once, padding included: the row filter reads whole
     // groups of taps, up to 15 samples past a short row.
-    e->raw.reset(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 8, c->planes, 0, c->inWidth, ring,
+    e->raw.reset(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 8, c->planes, 0, c->inWidth, rawSlots,
                                   ZT_SLB_PAD32 | ZT_SLB_FILL));
     if (!e->raw) return false;
-    e->rawViews.assign(ring, *e->raw);
-    for (uint32_t s = 0; s < ring; ++s) {
+    e->rawViews.assign(rawSlots, *e->raw);
+    for (uint32_t s = 0; s < rawSlots; ++s) {
       e->rawViews[s].lines = 1;
       e->rawViews[s].flags &= ~ZT_SLB_OWNED;
       e->rawViews[s].data = e->raw->data + size_t{s} * e->raw->bytesPerLine;
@@ -184,7 +191,7 @@ bool prepare_buffers(ResampleContext *c) {
     e->readLine.reset(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, c->bppIn, c->planes, 0, c->inWidth, 1, 0));
     if (!e->readLine) return false;
     e->rawFStride = (std::max<size_t>(c->inWidth, w.h.stride) + 8 + 15) / 16 * 16;
-    e->rawF = aligned_zeroed<float>(e->rawFStride * c->planes * ring);
+    e->rawF = aligned_zeroed<float>(e->rawFStride * c->planes * rawSlots);
     e->floatMode = c->bppIn == c->bppOut ? 0 : (c->bppOut == 16 ? 1 : 2);
   }
   e->midStride = (size_t{c->outWidth} + 31) / 32 * 32;
@@ -223,13 +230,15 @@ void run_part(void *argument) {
 
   for (uint32_t line = e->newFirst; line < e->newEnd; ++line) {
     const uint32_t slot = line % e->ring;
+    const uint32_t rawSlot = line % (2 * e->ring);
     for (uint32_t p = 0; p < planes; ++p) {
       const size_t mid = (size_t{slot} * planes + p) * e->midStride;
       if (w.fixedPoint) {
-        const uint8_t *in = e->rawViews[slot].data + size_t{p} * e->raw->bytesPerPlaneRow;
-        k.hpass_u8(e->midI.get() + mid, in, w.h.wi.data(), w.h.start.data(), w.h.stride, x0, x1);
+        const uint8_t *in = e->rawViews[rawSlot].data + size_t{p} * e->raw->bytesPerPlaneRow;
+        k.hpass_u8(e->midI.get() + mid, in, w.h.wi.data(), w.h.pairedWeights.data(), w.h.start.data(), w.h.stride,
+                   x0, x1);
       } else {
-        const float *in = e->rawF.get() + (size_t{slot} * planes + p) * e->rawFStride;
+        const float *in = e->rawF.get() + (size_t{rawSlot} * planes + p) * e->rawFStride;
         k.hpass_f(e->midF.get() + mid, in, w.h.wf.data(), w.h.start.data(), w.h.stride, x0, x1);
       }
     }
@@ -260,9 +269,10 @@ void run_part(void *argument) {
   }
 }
 
-// Runs the batch's parts: on the default task queue when the line is wide
-// and threads are wanted, else on this thread.
-void run_parts(ResampleContext *c) {
+// Starts the batch's parts: on the default task queue when the line is wide
+// and threads are wanted ("true": finish_parts waits for them), else on this
+// thread at once.
+bool start_parts(ResampleContext *c) {
   ResampleEngine *e = c->engine;
   ZT_TaskQueue *queue = pthread_taskq_get_default();
   uint32_t n = static_cast<uint32_t>(e->parts.size());
@@ -275,18 +285,25 @@ void run_parts(ResampleContext *c) {
   for (uint32_t i = 0; i < n; ++i) {
     e->parts[i].engine = e;
     e->parts[i].x0 = std::min(c->outWidth, i * aligned);
-    e->parts[i].x1 = std::min(c->outWidth, (i + 1) * aligned);
+    e->parts[i].x1 = i + 1 == n ? c->outWidth : std::min(c->outWidth, (i + 1) * aligned);
   }
-  if (n == 1) {
-    e->parts[0].x1 = c->outWidth;
-    run_part(&e->parts[0]);
-    return;
+  e->running = n;
+  if (n > 1 && pthread_taskq_enqueue_multiple(queue, &e->completion, n, run_part, e->parts.data(),
+                                              sizeof(TaskPart)) == 0)
+    return true;
+  if (n > 1) {
+    // Whatever was queued must finish before this thread redoes it all; the
+    // parts write only their own columns from unchanged inputs.
+    pthread_taskq_completion_wait(&e->completion);
   }
-  if (pthread_taskq_enqueue_multiple_and_wait(queue, &e->completion, n, run_part, e->parts.data(),
-                                              sizeof(TaskPart)) != 0) {
-    // Whatever was queued has finished; the parts only write their own
-    // columns from unchanged inputs, so running them all again is safe.
-    for (uint32_t i = 0; i < n; ++i) run_part(&e->parts[i]);
+  for (uint32_t i = 0; i < n; ++i) run_part(&e->parts[i]);
+  return false;
+}
+
+void finish_parts(ResampleContext *c, bool queued) {
+  ResampleEngine *e = c->engine;
+  if (queued && pthread_taskq_completion_wait(&e->completion) != 0) {
+    for (uint32_t i = 0; i < e->running; ++i) run_part(&e->parts[i]);
   }
 }
 
@@ -329,7 +346,7 @@ int32_t consume_line(ResampleContext *c, const char *function) {
 int32_t read_line(ResampleContext *c, const char *function) {
   ResampleEngine *e = c->engine;
   const uint32_t line = c->linesRead;
-  const uint32_t slot = line % e->ring;
+  const uint32_t slot = line % (2 * e->ring);
   if (c->readScanline == nullptr) return fail_read(c, function, line);
   if (e->weights->fixedPoint) {
     if (c->readScanline(c->userData, &e->rawViews[slot], line) != 0) return fail_read(c, function, line);
@@ -351,25 +368,52 @@ int32_t read_line(ResampleContext *c, const char *function) {
   return 0;
 }
 
-// Makes the batch of output lines that starts at `first`.
-int32_t make_batch(ResampleContext *c, uint32_t first, const char *function) {
-  ResampleEngine *e = c->engine;
+// The input lines of the batch starting at `first`: [needFirst, needEnd).
+void batch_needs(const ResampleEngine *e, uint32_t first, uint32_t outHeight, uint32_t *needFirst,
+                 uint32_t *needEnd) {
   const WeightAxis &v = e->weights->v;
-  const uint32_t end = std::min(c->outHeight, first + e->batch);
-  const uint32_t needFirst = static_cast<uint32_t>(v.start[first]);
-  uint32_t needEnd = 0;
-  for (uint32_t j = first; j < end; ++j) needEnd = std::max(needEnd, v.start[j] + v.count[j]);
-  // Lines no window covers are consumed unseen; they all come before the
-  // lines this batch reads, so the scratch they use is free.
+  const uint32_t end = std::min(outHeight, first + e->batch);
+  *needFirst = static_cast<uint32_t>(v.start[first]);
+  *needEnd = 0;
+  for (uint32_t j = first; j < end; ++j) *needEnd = std::max(*needEnd, v.start[j] + v.count[j]);
+}
+
+// Reads on to the input lines of the batch starting at `first`. Lines no
+// window covers are consumed unseen; they all come before the lines the
+// batch reads.
+int32_t read_batch_lines(ResampleContext *c, uint32_t first, const char *function) {
+  uint32_t needFirst = 0, needEnd = 0;
+  batch_needs(c->engine, first, c->outHeight, &needFirst, &needEnd);
   while (c->linesRead < needFirst)
     if (consume_line(c, function) != 0) return -1;
-  e->newFirst = c->linesRead;
   while (c->linesRead < needEnd)
     if (read_line(c, function) != 0) return -1;
-  e->newEnd = c->linesRead;
+  return 0;
+}
+
+// Makes the batch of output lines that starts at `first`, reading the next
+// batch's input while the parts run.
+int32_t make_batch(ResampleContext *c, uint32_t first, const char *function) {
+  ResampleEngine *e = c->engine;
+  if (e->readAheadFailed) {
+    e->failed = true;
+    return -1;
+  }
+  if (read_batch_lines(c, first, function) != 0) return -1;
+  uint32_t needFirst = 0, needEnd = 0;
+  batch_needs(e, first, c->outHeight, &needFirst, &needEnd);
+  e->newFirst = std::max(e->filtered, needFirst);
+  e->newEnd = std::max(e->newFirst, needEnd);
   e->batchFirst = first;
-  e->batchEnd = end;
-  run_parts(c);
+  e->batchEnd = std::min(c->outHeight, first + e->batch);
+  const bool queued = start_parts(c);
+  if (e->batchEnd < c->outHeight && read_batch_lines(c, e->batchEnd, function) != 0) {
+    // This batch is sound; the failure (logged) stops the next one.
+    e->failed = false;
+    e->readAheadFailed = true;
+  }
+  finish_parts(c, queued);
+  e->filtered = e->newEnd;
   return 0;
 }
 

@@ -23,6 +23,10 @@ struct WeightAxis {
   std::vector<uint32_t> count;
   std::vector<int16_t> wi;
   std::vector<float> wf;
+  // The fixed-point row weights again, laid out for the vector row filter:
+  // for each pair of outputs (x even, x + 1) and group g of 16 taps, 32
+  // values: x's even taps, x + 1's even taps, x's odd taps, x + 1's odd taps.
+  std::vector<int16_t> pairedWeights;
 };
 
 // The horizontal taps are padded to whole groups of this many, so the vector
@@ -69,8 +73,8 @@ uint32_t cache_size(Family family);
 
 struct ResampleKernels {
   // Along the row, 8-bit in, 6-fraction-bit 16-bit out.
-  void (*hpass_u8)(int16_t *out, const uint8_t *in, const int16_t *w, const int32_t *start, uint32_t stride,
-                   uint32_t x0, uint32_t x1);
+  void (*hpass_u8)(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *paired, const int32_t *start,
+                   uint32_t stride, uint32_t x0, uint32_t x1);
   // Across rows, to 8-bit.
   void (*vpass_u8)(uint8_t *out, const int16_t *const *rows, const int16_t *w, uint32_t count, uint32_t x0,
                    uint32_t x1);

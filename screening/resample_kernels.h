@@ -43,18 +43,13 @@ inline float clamp_range(float v, float top) {
 }
 
 #if defined(__AVX2__)
-// Sums the eight 32-bit lanes of each of eight vectors: lane i of the result
-// is the total of v[i].
-inline __m256i hsum8_epi32(const __m256i *v) {
-  const __m256i s01 = _mm256_hadd_epi32(v[0], v[1]);
-  const __m256i s23 = _mm256_hadd_epi32(v[2], v[3]);
-  const __m256i s45 = _mm256_hadd_epi32(v[4], v[5]);
-  const __m256i s67 = _mm256_hadd_epi32(v[6], v[7]);
-  const __m256i s0123 = _mm256_hadd_epi32(s01, s23);
-  const __m256i s4567 = _mm256_hadd_epi32(s45, s67);
-  const __m256i lo = _mm256_permute2x128_si256(s0123, s4567, 0x20);
-  const __m256i hi = _mm256_permute2x128_si256(s0123, s4567, 0x31);
-  return _mm256_add_epi32(lo, hi);
+// Adds neighbouring lanes of a and b pairwise, `swap` exchanging the
+// neighbours: blends are cheap, so each step shuffles one vector, not two.
+template <int kBlend, int kSwap>
+inline __m256i fold_pair(__m256i a, __m256i b) {
+  const __m256i mine = _mm256_blend_epi32(a, b, kBlend);
+  const __m256i theirs = _mm256_shuffle_epi32(_mm256_blend_epi32(a, b, ~kBlend & 0xFF), kSwap);
+  return _mm256_add_epi32(mine, theirs);
 }
 
 // The running-sum fold of the single-precision row filter.
@@ -67,37 +62,89 @@ inline float fold8(__m256 acc) {
 
 }  // namespace
 
-void hpass_u8(int16_t *out, const uint8_t *in, const int16_t *w, const int32_t *start, uint32_t stride, uint32_t x0,
-              uint32_t x1) {
-  uint32_t x = x0;
 #if defined(__AVX2__)
-  const uint32_t groups = stride / 16;
-  const __m256i round = _mm256_set1_epi32(128);
-  for (; x + 8 <= x1; x += 8) {
-    __m256i acc[8];
-    for (uint32_t l = 0; l < 8; ++l) {
-      const uint8_t *src = in + start[x + l];
-      const int16_t *wr = w + size_t{x + l} * stride;
-      __m256i a = _mm256_setzero_si256();
-      for (uint32_t g = 0; g < groups; ++g) {
-        const __m256i s = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 16 * g)));
-        const __m256i k = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(wr + 16 * g));
-        a = _mm256_add_epi32(a, _mm256_madd_epi16(s, k));
-      }
-      acc[l] = a;
+namespace {
+
+// Eight outputs of the row filter from pairs of outputs: one vector holds 16
+// taps of output x in its low half and of x + 1 in its high half. Masking and
+// shifting split even and odd taps into 16-bit lanes (no byte shuffles), and
+// the weights lie ready for that split (see pairedWeights). `kGroups` groups
+// of 16 taps (0: `groups`, any number).
+template <uint32_t kGroups>
+inline __m256i hpass_u8_eight(const uint8_t *in, const int16_t *wp, const int32_t *start, uint32_t x,
+                              uint32_t groups) {
+  const __m256i low = _mm256_set1_epi16(0x00FF);
+  const uint32_t n = kGroups != 0 ? kGroups : groups;
+  __m256i acc[4];
+#pragma GCC unroll 4
+  for (uint32_t q = 0; q < 4; ++q) {
+    const uint8_t *s0 = in + start[x + 2 * q];
+    const uint8_t *s1 = in + start[x + 2 * q + 1];
+    const int16_t *wq = wp + size_t{(x >> 1) + q} * n * 32;
+    __m256i a = _mm256_setzero_si256();
+#pragma GCC unroll 4
+    for (uint32_t g = 0; g < n; ++g) {
+      const __m256i d = _mm256_inserti128_si256(
+          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(s0 + 16 * g))),
+          _mm_loadu_si128(reinterpret_cast<const __m128i *>(s1 + 16 * g)), 1);
+      const __m256i even = _mm256_and_si256(d, low);
+      const __m256i odd = _mm256_srli_epi16(d, 8);
+      const __m256i *k = reinterpret_cast<const __m256i *>(wq + 32 * g);
+      a = _mm256_add_epi32(a, _mm256_madd_epi16(even, _mm256_loadu_si256(k)));
+      a = _mm256_add_epi32(a, _mm256_madd_epi16(odd, _mm256_loadu_si256(k + 1)));
     }
-    const __m256i sum = _mm256_srai_epi32(_mm256_add_epi32(hsum8_epi32(acc), round), 8);
+    acc[q] = a;
+  }
+  // acc[q] holds four partial sums of output 2q, then four of 2q + 1.
+  const __m256i s01 = fold_pair<0xAA, 0xB1>(acc[0], acc[1]);
+  const __m256i s23 = fold_pair<0xAA, 0xB1>(acc[2], acc[3]);
+  const __m256i mixed = fold_pair<0xCC, 0x4E>(s01, s23); // outputs 0 2 4 6 | 1 3 5 7
+  return _mm256_permutevar8x32_epi32(mixed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+}
+
+template <uint32_t kGroups>
+inline uint32_t hpass_u8_vector(int16_t *out, const uint8_t *in, const int16_t *wp, const int32_t *start,
+                                uint32_t stride, uint32_t x, uint32_t x1) {
+  const __m256i round = _mm256_set1_epi32(128);
+  const uint32_t groups = stride / 16;
+  for (; x + 8 <= x1; x += 8) {
+    const __m256i sum =
+        _mm256_srai_epi32(_mm256_add_epi32(hpass_u8_eight<kGroups>(in, wp, start, x, groups), round), 8);
     const __m128i packed = _mm_packs_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
     _mm_storeu_si128(reinterpret_cast<__m128i *>(out + x), packed);
   }
+  return x;
+}
+
+}  // namespace
 #endif
-  for (; x < x1; ++x) {
-    const uint8_t *src = in + start[x];
-    const int16_t *wr = w + size_t{x} * stride;
-    int32_t acc = 0;
-    for (uint32_t k = 0; k < stride; ++k) acc += int32_t{wr[k]} * int32_t{src[k]};
-    out[x] = saturate16((acc + 128) >> 8);
+
+namespace {
+inline void hpass_u8_one(int16_t *out, const uint8_t *in, const int16_t *w, const int32_t *start, uint32_t stride,
+                         uint32_t x) {
+  const uint8_t *src = in + start[x];
+  const int16_t *wr = w + size_t{x} * stride;
+  int32_t acc = 0;
+  for (uint32_t k = 0; k < stride; ++k) acc += int32_t{wr[k]} * int32_t{src[k]};
+  out[x] = saturate16((acc + 128) >> 8);
+}
+}  // namespace
+
+void hpass_u8(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *wp, const int32_t *start,
+              uint32_t stride, uint32_t x0, uint32_t x1) {
+  uint32_t x = x0;
+#if defined(__AVX2__)
+  // The paired weights start at even outputs.
+  if ((x & 1u) != 0 && x < x1) hpass_u8_one(out, in, w, start, stride, x++);
+  switch (stride) {
+    case 16: x = hpass_u8_vector<1>(out, in, wp, start, stride, x, x1); break;
+    case 32: x = hpass_u8_vector<2>(out, in, wp, start, stride, x, x1); break;
+    default: x = hpass_u8_vector<0>(out, in, wp, start, stride, x, x1); break;
   }
+#else
+  (void)wp;
+#endif
+  for (; x < x1; ++x) hpass_u8_one(out, in, w, start, stride, x);
 }
 
 void vpass_u8(uint8_t *out, const int16_t *const *rows, const int16_t *w, uint32_t count, uint32_t x0, uint32_t x1) {

@@ -19,7 +19,8 @@
 namespace zt::screening {
 
 namespace avx2 {
-void hpass_u8(int16_t *, const uint8_t *, const int16_t *, const int32_t *, uint32_t, uint32_t, uint32_t);
+void hpass_u8(int16_t *, const uint8_t *, const int16_t *, const int16_t *, const int32_t *, uint32_t, uint32_t,
+              uint32_t);
 void vpass_u8(uint8_t *, const int16_t *const *, const int16_t *, uint32_t, uint32_t, uint32_t);
 void hpass_f(float *, const float *, const float *, const int32_t *, uint32_t, uint32_t, uint32_t);
 void vpass_f8(uint8_t *, const float *const *, const float *, uint32_t, uint32_t, uint32_t);
@@ -155,11 +156,32 @@ void build_axis(WeightAxis &axis, uint32_t inSize, uint32_t outSize, bool fixedP
   }
 }
 
+namespace {
+
+void pair_weights(WeightAxis &axis) {
+  const uint32_t groups = axis.stride / 16;
+  const uint32_t pairs = (axis.outSize + 1) / 2;
+  axis.pairedWeights.assign(size_t{pairs} * groups * 32, 0);
+  for (uint32_t x = 0; x < axis.outSize; ++x) {
+    const int16_t *row = axis.wi.data() + size_t{x} * axis.stride;
+    for (uint32_t g = 0; g < groups; ++g) {
+      int16_t *block = axis.pairedWeights.data() + (size_t{x / 2} * groups + g) * 32 + (x % 2) * 8;
+      for (uint32_t k = 0; k < 8; ++k) {
+        block[k] = row[16 * g + 2 * k];
+        block[16 + k] = row[16 * g + 2 * k + 1];
+      }
+    }
+  }
+}
+
+}  // namespace
+
 std::unique_ptr<Weights> build_weights(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth, uint32_t outHeight,
                                        bool fixedPoint, ResampleFilterFn filter, double support) {
   auto weights = std::make_unique<Weights>();
   weights->fixedPoint = fixedPoint;
   build_axis(weights->h, inWidth, outWidth, fixedPoint, filter, support, kHorizontalTapGroup, false);
+  if (fixedPoint) pair_weights(weights->h);
   build_axis(weights->v, inHeight, outHeight, fixedPoint, filter, support, 1, true);
   return weights;
 }

@@ -152,9 +152,10 @@ ZT_API ResampleContext *resampleInitUsingFilter(uint32_t type, uint32_t inWidth,
 ZT_API int32_t resampleGetNextScanline(ResampleContext *context, ScanlineBuf *scanline);
 ZT_API int32_t resampleSetCanSkipScanlines(ResampleContext *context, uint32_t flag);
 ZT_API int32_t resampleSetIOBoundTask(ResampleContext *context, uint32_t flag);
-/* Splits wide lines into `threads` parts (0: the processor count, 1: none)
- * run on the default task queue. 0, or -1 with "Cannot allocate memory for
- * threads". */
+/* Splits wide lines (output width times planes at least 4,096 samples) into
+ * `threads` parts (0: the processor count, 1: none) run on the default task
+ * queue; narrower lines are not worth the hand-over. 0, or -1 with "Cannot
+ * allocate memory for threads". */
 ZT_API int32_t resampleSetupThreads(ResampleContext *context, uint32_t threads);
 /* NULL is accepted. */
 ZT_API void resampleFree(ResampleContext *context);
