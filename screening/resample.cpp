@@ -32,6 +32,9 @@ constexpr uint32_t kMaxBatchLines = 32;
 // Narrower lines are not worth splitting.
 constexpr uint64_t kSplitSamples = 4096;
 constexpr uint32_t kColumnAlign = 16;
+constexpr uint32_t kMaxSide = 0x7FFFFFFFu;
+// More parts than this only add hand-overs.
+constexpr uint32_t kMaxParts = 256;
 
 template <typename T>
 struct FreeDeleter {
@@ -450,6 +453,13 @@ ResampleContext *context_create(Family family, const char *function, uint32_t ty
     ZT_LOG(module, function, "resampling type %u has not yet been implemented", type);
     return nullptr;
   }
+  // Window starts are signed 32-bit; rows that long do not fit a scanline
+  // buffer anyway.
+  if (inWidth > kMaxSide || inHeight > kMaxSide || outWidth > kMaxSide || outHeight > kMaxSide) {
+    ZT_LOG(module, function, "Image of %ux%u to %ux%u is too large to resample", inWidth, inHeight, outWidth,
+           outHeight);
+    return nullptr;
+  }
   ResampleFilterFn fn = nullptr;
   double support = 0;
   if (resampleFilteredGetFilter(filterId, &fn, &support) != 0) return nullptr;
@@ -503,7 +513,7 @@ int32_t context_setup_threads(ResampleContext *c, uint32_t threads, const char *
     ZT_LOG("resample", function, "NULL pointer caught");
     return -1;
   }
-  const uint32_t n = threads == 0 ? std::max<uint32_t>(1, ZT_numberOfCPUS()) : threads;
+  const uint32_t n = std::min(kMaxParts, threads == 0 ? std::max<uint32_t>(1, ZT_numberOfCPUS()) : threads);
   try {
     std::vector<TaskPart> parts(n);
     for (TaskPart &p : parts) p.rows.assign(c->engine->weights->v.stride, nullptr);

@@ -153,7 +153,8 @@ ZT_API int32_t resampleGetNextScanline(ResampleContext *context, ScanlineBuf *sc
 ZT_API int32_t resampleSetCanSkipScanlines(ResampleContext *context, uint32_t flag);
 ZT_API int32_t resampleSetIOBoundTask(ResampleContext *context, uint32_t flag);
 /* Splits wide lines (output width times planes at least 4,096 samples) into
- * `threads` parts (0: the processor count, 1: none) run on the default task
+ * `threads` parts (0: the processor count, 1: none, at most 256; never
+ * narrower than 64 columns) run on the default task
  * queue; narrower lines are not worth the hand-over. 0, or -1 with "Cannot
  * allocate memory for threads". */
 ZT_API int32_t resampleSetupThreads(ResampleContext *context, uint32_t threads);
