@@ -214,19 +214,23 @@ const int32_t *dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const
   // (x * 65281) >> 24 divides by 257 exactly for every x below 2^17.
   const __m256i top = _mm256_set1_epi32(65535);
   for (; i + 8 <= n; i += 8) {
-    // Sixteen at a time while no sample is an end: the noise is contiguous.
+    // Sixteen at a time while no sample is an end: the noise is contiguous,
+    // and 16-bit lanes suffice. Noise entries fit 16 bits (-129 ... 512);
+    // with the samples biased by 0x8000 a signed saturating add is the clamp
+    // to 0 ... 65535, and the high half of v * 65281, shifted by 8, is v / 257.
     if (i + 16 <= n && end - cursor >= 16) {
       const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
       if (no_ends16(raw)) {
-        const __m256i s0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(raw));
-        const __m256i s1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(raw, 1));
-        const __m256i n0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor));
-        const __m256i n1 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor + 8));
-        const __m256i v0 =
-            _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s0, n0), _mm256_setzero_si256()), top);
-        const __m256i v1 =
-            _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s1, n1), _mm256_setzero_si256()), top);
-        store16x(out + i, div257(v0), div257(v1));
+        const __m256i bias = _mm256_set1_epi16(static_cast<int16_t>(0x8000));
+        const __m256i noise16 = _mm256_permute4x64_epi64(
+            _mm256_packs_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor)),
+                               _mm256_loadu_si256(reinterpret_cast<const __m256i *>(cursor + 8))),
+            0xD8);
+        const __m256i v = _mm256_xor_si256(_mm256_adds_epi16(_mm256_xor_si256(raw, bias), noise16), bias);
+        const __m256i k65281 = _mm256_set1_epi16(static_cast<int16_t>(65281));
+        const __m256i q = _mm256_srli_epi16(_mm256_mulhi_epu16(v, k65281), 8);
+        const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(q, q), 0x08);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm256_castsi256_si128(bytes));
         cursor += 16;
         if (cursor == end) cursor = start;
         i += 8;

@@ -91,16 +91,22 @@ INSTANTIATE_TEST_SUITE_P(Levels, DitherLevelTest, testing::ValuesIn(zt::test::si
 
 TEST(DitherTest, VectorKernelMatchesBaselineAcrossTheWrap) {
   if (ZT_SimdBestLevel() < ZT_SIMD_AVX2) GTEST_SKIP() << "no AVX2";
+  constexpr uint32_t kNearEnds = 1000;
   LibraryScope library;
   std::mt19937 rng(8);
   for (uint32_t kind : kKinds) {
     for (uint32_t n : {1u, 7u, 9u, 64u, 1001u}) {
-      for (uint32_t ends_in : {0u, 97u, 8u}) {
+      for (uint32_t ends_in : {0u, 97u, 8u, kNearEnds}) {
         std::vector<uint16_t> in(n);
-        // Ends mixed in (none, nearly half, a few) so the lanes take noise unevenly.
+        // Ends mixed in (none, nearly half, a few) so the lanes take noise
+        // unevenly; or no ends but samples the noise pushes past 0 or 65535.
         for (auto &v : in) {
           const uint32_t r = rng() % 100;
-          v = r < ends_in / 2 ? 0 : r < ends_in ? 65535 : static_cast<uint16_t>(rng() % 65534 + 1);
+          if (ends_in == kNearEnds) {
+            v = static_cast<uint16_t>(r < 50 ? rng() % 300 + 1 : 65534 - rng() % 600);
+          } else {
+            v = r < ends_in / 2 ? 0 : r < ends_in ? 65535 : static_cast<uint16_t>(rng() % 65534 + 1);
+          }
         }
         DitherContext base{};
         ditherSetup(&base, 2, kind);
