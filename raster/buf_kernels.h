@@ -85,22 +85,20 @@ void copy8to16(uint16_t *dst, const uint8_t *src, size_t n) {
   for (; i < n; ++i) dst[i] = static_cast<uint16_t>(src[i] * 257u);
 }
 
-// The vector form computes the table's rule, floor(v * 255 / 65535 + 0.5),
-// as (v * 255 + 32895) >> 16, which matches it for every 16-bit v: the high
-// half of v * 255 plus the carry out of the low half.
+// The vector form computes the table's rule, round(v / 257), as
+// floor((v + 128) / 257) (257 is odd, so no tie exists): v + 128 saturated at
+// 65535 (every v that saturates gives 255 either way), then the high half of
+// x * 65281 shifted by 8, which is x / 257 for every x below 2^17.
 void copy16to8(uint8_t *dst, const uint16_t *src, size_t n, const uint8_t *table) {
   size_t i = 0;
 #if defined(__AVX2__)
-  const __m256i k255 = _mm256_set1_epi16(255);
-  const __m256i carry_from = _mm256_set1_epi16(static_cast<int16_t>(32641));
+  const __m256i half = _mm256_set1_epi16(128);
+  const __m256i k65281 = _mm256_set1_epi16(static_cast<int16_t>(65281));
   for (; i + 32 <= n; i += 32) {
     __m256i r[2];
     for (int k = 0; k < 2; ++k) {
       const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + i + 16 * k));
-      const __m256i hi = _mm256_mulhi_epu16(v, k255);
-      const __m256i lo = _mm256_mullo_epi16(v, k255);
-      const __m256i carry = _mm256_cmpeq_epi16(_mm256_max_epu16(lo, carry_from), lo);
-      r[k] = _mm256_sub_epi16(hi, carry);
+      r[k] = _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_adds_epu16(v, half), k65281), 8);
     }
     const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(r[0], r[1]), 0xD8);
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), packed);
