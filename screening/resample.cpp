@@ -502,15 +502,15 @@ ResampleContext *context_create(Family family, const char *function, uint32_t ty
     engine->completionReady = pthread_taskq_completion_init(&engine->completion) == 0;
     engine->parts.resize(1);
     if (prepare(c, function) != 0) return nullptr;
-    if (context_setup_threads(c, 0, function) != 0) return nullptr;
+    if (context_setup_threads(c, 0, family, function) != 0) return nullptr;
     engine.release();
     return context.release();
   });
 }
 
-int32_t context_setup_threads(ResampleContext *c, uint32_t threads, const char *function) {
+int32_t context_setup_threads(ResampleContext *c, uint32_t threads, Family family, const char *function) {
   if (c == nullptr || c->engine == nullptr) {
-    ZT_LOG("resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   const uint32_t n = std::min(kMaxParts, threads == 0 ? std::max<uint32_t>(1, ZT_numberOfCPUS()) : threads);
@@ -526,9 +526,9 @@ int32_t context_setup_threads(ResampleContext *c, uint32_t threads, const char *
   return 0;
 }
 
-int32_t context_set_filter(ResampleContext *c, uint32_t id, const char *function) {
+int32_t context_set_filter(ResampleContext *c, uint32_t id, Family family, const char *function) {
   if (c == nullptr || c->engine == nullptr) {
-    ZT_LOG("resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   ResampleFilterFn fn = nullptr;
@@ -558,9 +558,9 @@ int32_t context_set_filter(ResampleContext *c, uint32_t id, const char *function
   return -1;
 }
 
-int32_t context_next_scanline(ResampleContext *c, ScanlineBuf *sb, const char *function) {
+int32_t context_next_scanline(ResampleContext *c, ScanlineBuf *sb, Family family, const char *function) {
   if (c == nullptr || sb == nullptr || c->engine == nullptr) {
-    ZT_LOG(c != nullptr && c->engine != nullptr ? module_of(c) : "resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   const char *module = module_of(c);
@@ -616,9 +616,9 @@ void context_free(ResampleContext *c) {
   delete c;
 }
 
-int32_t context_cache_init(ResampleContext *c, const char *function) {
+int32_t context_cache_init(ResampleContext *c, Family family, const char *function) {
   if (c == nullptr || c->engine == nullptr) {
-    ZT_LOG("resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   ResampleEngine *e = c->engine;
@@ -637,9 +637,9 @@ int32_t context_cache_init(ResampleContext *c, const char *function) {
   return 0;
 }
 
-int32_t context_cache_add(ResampleContext *c, const char *function) {
+int32_t context_cache_add(ResampleContext *c, Family family, const char *function) {
   if (c == nullptr || c->engine == nullptr) {
-    ZT_LOG("resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   ResampleEngine *e = c->engine;
@@ -661,9 +661,9 @@ int32_t context_cache_add(ResampleContext *c, const char *function) {
   });
 }
 
-int32_t context_cache_remove(ResampleContext *c, const char *function) {
+int32_t context_cache_remove(ResampleContext *c, Family family, const char *function) {
   if (c == nullptr || c->engine == nullptr) {
-    ZT_LOG("resample", function, "NULL pointer caught");
+    ZT_LOG(family_module(family), function, "NULL pointer caught");
     return -1;
   }
   ResampleEngine *e = c->engine;

@@ -6,6 +6,21 @@
 using zt::screening::Family;
 namespace rs = zt::screening;
 
+namespace {
+
+// The flag setters of both families: 0, or -1 for a NULL context.
+int32_t set_flag(ResampleContext *context, uint32_t ResampleContext::*field, uint32_t flag, const char *module,
+                 const char *function) {
+  if (context == nullptr) {
+    ZT_LOG(module, function, "NULL pointer caught");
+    return -1;
+  }
+  context->*field = flag != 0;
+  return 0;
+}
+
+}  // namespace
+
 extern "C" {
 
 ZT_API int32_t resampleStaticInit(void) {
@@ -35,45 +50,35 @@ ZT_API ResampleContext *resampleInitUsingFilter(uint32_t type, uint32_t inWidth,
 }
 
 ZT_API int32_t resampleFilteredSetFilter(ResampleContext *context, uint32_t id) {
-  return rs::context_set_filter(context, id, "resampleFilteredSetFilter");
+  return rs::context_set_filter(context, id, Family::kResample, "resampleFilteredSetFilter");
 }
 
 ZT_API int32_t resampleGetNextScanline(ResampleContext *context, ScanlineBuf *scanline) {
-  return rs::context_next_scanline(context, scanline, "resampleGetNextScanline");
+  return rs::context_next_scanline(context, scanline, Family::kResample, "resampleGetNextScanline");
 }
 
 ZT_API int32_t resampleSetCanSkipScanlines(ResampleContext *context, uint32_t flag) {
-  if (context == nullptr) {
-    ZT_LOG("resample", "resampleSetCanSkipScanlines", "NULL pointer caught");
-    return -1;
-  }
-  context->canSkipScanlines = flag != 0;
-  return 0;
+  return set_flag(context, &ResampleContext::canSkipScanlines, flag, "resample", "resampleSetCanSkipScanlines");
 }
 
 ZT_API int32_t resampleSetIOBoundTask(ResampleContext *context, uint32_t flag) {
-  if (context == nullptr) {
-    ZT_LOG("resample", "resampleSetIOBoundTask", "NULL pointer caught");
-    return -1;
-  }
-  context->ioBoundTask = flag != 0;
-  return 0;
+  return set_flag(context, &ResampleContext::ioBoundTask, flag, "resample", "resampleSetIOBoundTask");
 }
 
 ZT_API int32_t resampleSetupThreads(ResampleContext *context, uint32_t threads) {
-  return rs::context_setup_threads(context, threads, "resampleSetupThreads");
+  return rs::context_setup_threads(context, threads, Family::kResample, "resampleSetupThreads");
 }
 
 ZT_API void resampleFree(ResampleContext *context) { rs::context_free(context); }
 
 ZT_API int32_t resampleFilteredInitFromCache(ResampleContext *context) {
-  return rs::context_cache_init(context, "resampleFilteredInitFromCache");
+  return rs::context_cache_init(context, Family::kResample, "resampleFilteredInitFromCache");
 }
 ZT_API int32_t resampleFilteredAddToCache(ResampleContext *context) {
-  return rs::context_cache_add(context, "resampleFilteredAddToCache");
+  return rs::context_cache_add(context, Family::kResample, "resampleFilteredAddToCache");
 }
 ZT_API int32_t resampleFilteredCacheRemoveReference(ResampleContext *context) {
-  return rs::context_cache_remove(context, "resampleFilteredCacheRemoveReference");
+  return rs::context_cache_remove(context, Family::kResample, "resampleFilteredCacheRemoveReference");
 }
 
 ZT_API ScaleContext *ScaleInit(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth, uint32_t outHeight,
@@ -94,32 +99,27 @@ ZT_API ScaleContext *ScaleInitUsingFilter(uint32_t inWidth, uint32_t inHeight, u
 }
 
 ZT_API int32_t FilteredScaleSetFilter(ScaleContext *context, uint32_t id) {
-  return rs::context_set_filter(context, id, "FilteredScaleSetFilter");
+  return rs::context_set_filter(context, id, Family::kScale, "FilteredScaleSetFilter");
 }
 
 ZT_API int32_t ScaleGetNextScanline(ScaleContext *context, ScanlineBuf *scanline) {
-  return rs::context_next_scanline(context, scanline, "ScaleGetNextScanline");
+  return rs::context_next_scanline(context, scanline, Family::kScale, "ScaleGetNextScanline");
 }
 
 ZT_API int32_t ScaleSetCanSkipScanlines(ScaleContext *context, uint32_t flag) {
-  if (context == nullptr) {
-    ZT_LOG("scale", "ScaleSetCanSkipScanlines", "NULL pointer caught");
-    return -1;
-  }
-  context->canSkipScanlines = flag != 0;
-  return 0;
+  return set_flag(context, &ResampleContext::canSkipScanlines, flag, "scale", "ScaleSetCanSkipScanlines");
 }
 
 ZT_API void ScaleFree(ScaleContext *context) { rs::context_free(context); }
 
 ZT_API int32_t scaleFilteredInitFromCache(ScaleContext *context) {
-  return rs::context_cache_init(context, "scaleFilteredInitFromCache");
+  return rs::context_cache_init(context, Family::kScale, "scaleFilteredInitFromCache");
 }
 ZT_API int32_t scaleFilteredAddToCache(ScaleContext *context) {
-  return rs::context_cache_add(context, "scaleFilteredAddToCache");
+  return rs::context_cache_add(context, Family::kScale, "scaleFilteredAddToCache");
 }
 ZT_API int32_t scaleFilteredCacheRemoveReference(ScaleContext *context) {
-  return rs::context_cache_remove(context, "scaleFilteredCacheRemoveReference");
+  return rs::context_cache_remove(context, Family::kScale, "scaleFilteredCacheRemoveReference");
 }
 
 }  // extern "C"

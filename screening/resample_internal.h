@@ -94,19 +94,20 @@ const ResampleKernels &resample_kernels();
 int32_t resample_kernels_init();
 
 // The entry points of both families, logging under the family's module and
-// the caller's function name.
+// the caller's function name (the family names the module when the context
+// is NULL).
 ResampleContext *context_create(Family family, const char *function, uint32_t type, uint32_t inWidth,
                                 uint32_t inHeight, uint32_t outWidth, uint32_t outHeight, uint32_t planes,
                                 uint32_t bppIn, uint32_t bppOut, ResampleReadFn readScanline,
                                 ResampleSkipFn skipScanline, ResampleProducerFn producer, void *userData,
                                 uint32_t filterId);
-int32_t context_setup_threads(ResampleContext *c, uint32_t threads, const char *function);
-int32_t context_set_filter(ResampleContext *c, uint32_t id, const char *function);
-int32_t context_next_scanline(ResampleContext *c, ScanlineBuf *sb, const char *function);
+int32_t context_setup_threads(ResampleContext *c, uint32_t threads, Family family, const char *function);
+int32_t context_set_filter(ResampleContext *c, uint32_t id, Family family, const char *function);
+int32_t context_next_scanline(ResampleContext *c, ScanlineBuf *sb, Family family, const char *function);
 void context_free(ResampleContext *c);
-int32_t context_cache_init(ResampleContext *c, const char *function);
-int32_t context_cache_add(ResampleContext *c, const char *function);
-int32_t context_cache_remove(ResampleContext *c, const char *function);
+int32_t context_cache_init(ResampleContext *c, Family family, const char *function);
+int32_t context_cache_add(ResampleContext *c, Family family, const char *function);
+int32_t context_cache_remove(ResampleContext *c, Family family, const char *function);
 
 // The context's key in the weight cache: nine numbers in "%x", joined by '_'.
 void cache_key(const ResampleContext *context, char *out, size_t size);
