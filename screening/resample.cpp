@@ -62,7 +62,9 @@ using ScanlinePtr = std::unique_ptr<ScanlineBuf, ScanlineBufDeleter>;
 struct TaskPart {
   struct ResampleEngine *engine = nullptr;
   uint32_t x0 = 0, x1 = 0;
-  std::vector<const void *> rows; // ring rows of one output line
+  // Ring rows of one output line, in the engine's number format.
+  std::vector<const int16_t *> rowsI;
+  std::vector<const float *> rowsF;
 };
 
 }  // namespace zt::screening
@@ -146,8 +148,9 @@ void acquire_weights(ResampleContext *c) {
   }
 }
 
-void size_task_rows(ResampleEngine *e) {
-  for (TaskPart &p : e->parts) p.rows.assign(e->weights->v.stride, nullptr);
+void size_rows(TaskPart &part, const Weights &w) {
+  part.rowsI.assign(w.fixedPoint ? w.v.stride : 0, nullptr);
+  part.rowsF.assign(w.fixedPoint ? 0 : w.v.stride, nullptr);
 }
 
 // Buffers for the weights in place: batch, ring, raw lines, filtered lines,
@@ -205,7 +208,7 @@ bool prepare_buffers(ResampleContext *c) {
   }
   e->outRowBytes = (size_t{c->outWidth} * (c->bppOut / 8) + 63) / 64 * 64;
   e->out = aligned_zeroed<uint8_t>(e->outRowBytes * c->planes * e->batch);
-  size_task_rows(e);
+  for (TaskPart &p : e->parts) size_rows(p, w);
   return true;
 }
 
@@ -253,14 +256,17 @@ void run_part(void *argument) {
       uint8_t *out = e->out.get() + (size_t{j - e->batchFirst} * planes + p) * e->outRowBytes;
       for (uint32_t t = 0; t < count; ++t) {
         const size_t mid = (size_t{(start + t) % e->ring} * planes + p) * e->midStride;
-        part.rows[t] = w.fixedPoint ? static_cast<const void *>(e->midI.get() + mid)
-                                    : static_cast<const void *>(e->midF.get() + mid);
+        if (w.fixedPoint) {
+          part.rowsI[t] = e->midI.get() + mid;
+        } else {
+          part.rowsF[t] = e->midF.get() + mid;
+        }
       }
       if (w.fixedPoint) {
-        k.vpass_u8(out, reinterpret_cast<const int16_t *const *>(part.rows.data()),
+        k.vpass_u8(out, part.rowsI.data(),
                    w.v.wi.data() + size_t{j} * w.v.stride, count, x0, x1);
       } else {
-        const auto *rows = reinterpret_cast<const float *const *>(part.rows.data());
+        const float *const *rows = part.rowsF.data();
         const float *wv = w.v.wf.data() + size_t{j} * w.v.stride;
         if (e->outBits == 8) {
           k.vpass_f8(out, rows, wv, count, x0, x1);
@@ -516,7 +522,7 @@ int32_t context_setup_threads(ResampleContext *c, uint32_t threads, Family famil
   const uint32_t n = std::min(kMaxParts, threads == 0 ? std::max<uint32_t>(1, ZT_numberOfCPUS()) : threads);
   try {
     std::vector<TaskPart> parts(n);
-    for (TaskPart &p : parts) p.rows.assign(c->engine->weights->v.stride, nullptr);
+    for (TaskPart &p : parts) size_rows(p, *c->engine->weights);
     c->engine->parts = std::move(parts);
   } catch (const std::bad_alloc &) {
     ZT_LOG(module_of(c), function, "Cannot allocate memory for threads");
