@@ -195,7 +195,8 @@ void lab_to_xyz(const double *lab, const double *white, double *xyz) {
   // X and Z side by side: the same operations lane by lane (fy - b * 0.005
   // is fy + b * -0.005 exactly), one test for the common case that both lie
   // on the cube.
-  const __m128d f = _mm_add_pd(_mm_set1_pd(fy), _mm_mul_pd(_mm_set_pd(lab[2], lab[1]), _mm_set_pd(-0.005, 0.002)));
+  const __m128d f =
+      _mm_add_pd(_mm_set1_pd(fy), _mm_mul_pd(_mm_set_pd(lab[2], lab[1]), _mm_set_pd(-0.005, 0.002)));
   __m128d r = _mm_mul_pd(_mm_mul_pd(f, f), f);
   if (_mm_movemask_pd(_mm_cmpgt_pd(f, _mm_set1_pd(kCubeThresholdBack))) != 3) [[unlikely]] {
     r = _mm_set_pd(lab_f_inverse(_mm_cvtsd_f64(_mm_unpackhi_pd(f, f))), lab_f_inverse(_mm_cvtsd_f64(f)));

@@ -11,9 +11,6 @@
 // this way it overlaps the work instead of adding to it. Raw lines therefore
 // have twice the ring's slots. The arithmetic of a column does not depend on
 // the part that made it, so the output is the same for any split.
-#include "foundation/zt_internal.h"
-#include "screening/resample_internal.h"
-
 #include <zt/threads.h>
 
 #include <algorithm>
@@ -22,6 +19,9 @@
 #include <memory>
 #include <new>
 #include <vector>
+
+#include "foundation/zt_internal.h"
+#include "screening/resample_internal.h"
 
 namespace zt::screening {
 namespace {
@@ -78,37 +78,37 @@ struct ResampleEngine {
   std::unique_ptr<zt::screening::Weights> own;
   const zt::screening::Weights *weights = nullptr;
 
-  uint32_t batch = 1; // output lines a batch
-  uint32_t ring = 1;  // input lines the ring holds
+  uint32_t batch = 1;  // output lines a batch
+  uint32_t ring = 1;   // input lines the ring holds
   // Raw input lines, slot = line % (2 * ring): read in place (8-bit to 8-bit)
   // or through `readLine` and turned into floats.
   zt::screening::ScanlinePtr raw;
   std::vector<ScanlineBuf> rawViews;
   zt::screening::ScanlinePtr readLine;
   zt::screening::AlignedArray<float> rawF;
-  size_t rawFStride = 0; // floats a plane row
+  size_t rawFStride = 0;  // floats a plane row
   int32_t floatMode = 0;
   // Filtered lines at the output width, slot = line % ring, plane-major.
   zt::screening::AlignedArray<int16_t> midI;
   zt::screening::AlignedArray<float> midF;
-  size_t midStride = 0; // samples a plane row
+  size_t midStride = 0;  // samples a plane row
   // The batch's output lines, plane-major.
   zt::screening::AlignedArray<uint8_t> out;
   size_t outRowBytes = 0;
   uint32_t batchFirst = 0, batchEnd = 0;
   // Input lines of the running batch that still need filtering along the row.
   uint32_t newFirst = 0, newEnd = 0;
-  uint32_t filtered = 0;       // input lines below this are in the ring
-  bool readAheadFailed = false; // reported by the next batch
+  uint32_t filtered = 0;         // input lines below this are in the ring
+  bool readAheadFailed = false;  // reported by the next batch
 
-  zt::screening::ScanlinePtr scratch; // for lines consumed unseen
+  zt::screening::ScanlinePtr scratch;  // for lines consumed unseen
   std::vector<zt::screening::TaskPart> parts;
   ZT_TaskCompletion completion{};
   bool completionReady = false;
   bool failed = false;
   uint32_t planes = 1;
   uint32_t outBits = 8;
-  uint32_t running = 0; // parts of the running batch
+  uint32_t running = 0;  // parts of the running batch
 
   ~ResampleEngine() {
     if (completionReady) pthread_taskq_completion_destroy(&completion);
@@ -241,8 +241,8 @@ void run_part(void *argument) {
       const size_t mid = (size_t{slot} * planes + p) * e->midStride;
       if (w.fixedPoint) {
         const uint8_t *in = e->rawViews[rawSlot].data + size_t{p} * e->raw->bytesPerPlaneRow;
-        k.hpass_u8(e->midI.get() + mid, in, w.h.wi.data(), w.h.pairedWeights.data(), w.h.start.data(), w.h.stride,
-                   x0, x1);
+        k.hpass_u8(e->midI.get() + mid, in, w.h.wi.data(), w.h.pairedWeights.data(), w.h.start.data(),
+                   w.h.stride, x0, x1);
       } else {
         const float *in = e->rawF.get() + (size_t{rawSlot} * planes + p) * e->rawFStride;
         k.hpass_f(e->midF.get() + mid, in, w.h.wf.data(), w.h.start.data(), w.h.stride, x0, x1);
@@ -263,8 +263,7 @@ void run_part(void *argument) {
         }
       }
       if (w.fixedPoint) {
-        k.vpass_u8(out, part.rowsI.data(),
-                   w.v.wi.data() + size_t{j} * w.v.stride, count, x0, x1);
+        k.vpass_u8(out, part.rowsI.data(), w.v.wi.data() + size_t{j} * w.v.stride, count, x0, x1);
       } else {
         const float *const *rows = part.rowsF.data();
         const float *wv = w.v.wf.data() + size_t{j} * w.v.stride;
@@ -342,7 +341,7 @@ int32_t consume_line(ResampleContext *c, const char *function) {
         return -1;
       }
     }
-    const int32_t rc = c->skipScanline != nullptr ? c->skipScanline(c->userData, e->scratch.get(), line)
+    const int32_t rc = c->skipScanline != nullptr   ? c->skipScanline(c->userData, e->scratch.get(), line)
                        : c->readScanline != nullptr ? c->readScanline(c->userData, e->scratch.get(), line)
                                                     : -1;
     if (rc != 0) return fail_read(c, function, line);
@@ -585,7 +584,8 @@ int32_t context_next_scanline(ResampleContext *c, ScanlineBuf *sb, Family family
     return 0;
   }
   if (!shape_matches(c, sb)) {
-    ZT_LOG(module, function, "Scanline buffer of %u planes, %u bits, width %u cannot take %u planes, %u bits, width %u",
+    ZT_LOG(module, function,
+           "Scanline buffer of %u planes, %u bits, width %u cannot take %u planes, %u bits, width %u",
            sb->channels, sb->bitsPerPixel, sb->width, c->planes, c->bppOut, c->outWidth);
     return -1;
   }

@@ -9,8 +9,8 @@ namespace rs = zt::screening;
 namespace {
 
 // The flag setters of both families: 0, or -1 for a NULL context.
-int32_t set_flag(ResampleContext *context, uint32_t ResampleContext::*field, uint32_t flag, const char *module,
-                 const char *function) {
+int32_t set_flag(ResampleContext *context, uint32_t ResampleContext::*field, uint32_t flag,
+                 const char *module, const char *function) {
   if (context == nullptr) {
     ZT_LOG(module, function, "NULL pointer caught");
     return -1;
@@ -58,7 +58,8 @@ ZT_API int32_t resampleGetNextScanline(ResampleContext *context, ScanlineBuf *sc
 }
 
 ZT_API int32_t resampleSetCanSkipScanlines(ResampleContext *context, uint32_t flag) {
-  return set_flag(context, &ResampleContext::canSkipScanlines, flag, "resample", "resampleSetCanSkipScanlines");
+  return set_flag(context, &ResampleContext::canSkipScanlines, flag, "resample",
+                  "resampleSetCanSkipScanlines");
 }
 
 ZT_API int32_t resampleSetIOBoundTask(ResampleContext *context, uint32_t flag) {
@@ -90,9 +91,9 @@ ZT_API ScaleContext *ScaleInit(uint32_t inWidth, uint32_t inHeight, uint32_t out
 }
 
 ZT_API ScaleContext *ScaleInitUsingFilter(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
-                                          uint32_t outHeight, uint32_t planes, uint32_t bppIn, uint32_t bppOut,
-                                          ResampleReadFn readScanline, ResampleSkipFn skipScanline,
-                                          void *userData, uint32_t filterId) {
+                                          uint32_t outHeight, uint32_t planes, uint32_t bppIn,
+                                          uint32_t bppOut, ResampleReadFn readScanline,
+                                          ResampleSkipFn skipScanline, void *userData, uint32_t filterId) {
   return rs::context_create(Family::kScale, "ScaleInitUsingFilter", ZT_RESAMPLE_FILTERED, inWidth, inHeight,
                             outWidth, outHeight, planes, bppIn, bppOut, readScanline, skipScanline, nullptr,
                             userData, filterId);

@@ -2,11 +2,11 @@
 // constants (pi as 3.14159, the cut points of filters 9 and 11, the supports)
 // are the system's own and stay as written: stored weights and curves depend
 // on them.
-#include "foundation/zt_internal.h"
-
 #include <zt/resample.h>
 
 #include <cmath>
+
+#include "foundation/zt_internal.h"
 
 namespace {
 
@@ -100,8 +100,8 @@ double bessel(double x) {
   const double a8 = a4 * a4;
   const double a10 = a8 * a2;
   const double a12 = a6 * a6;
-  return 10395.0 /
-         std::sqrt(a12 + 21.0 * a10 + 630.0 * a8 + 18900.0 * a6 + 496125.0 * a4 + 9823275.0 * a2 + 108056025.0);
+  return 10395.0 / std::sqrt(a12 + 21.0 * a10 + 630.0 * a8 + 18900.0 * a6 + 496125.0 * a4 + 9823275.0 * a2 +
+                             108056025.0);
 }
 
 double keys05(double x) {
@@ -131,9 +131,9 @@ struct FilterEntry {
 };
 
 constexpr FilterEntry kFilters[ZT_FILTER_LAST] = {
-    {hermite, 1.0},  {box, 0.5},         {triangle, 1.0},       {bell, 1.5},       {bspline, 2.0},
-    {lanczos3, 3.0}, {mitchell, 2.0},    {cubic_b15, 2.0},      {quadratic, 1.3712}, {gaussian, 2.0},
-    {filter11, 2.0}, {filter12, 1.0},    {butterworth, 4.5},    {bessel, 2.703395061}, {keys05, 2.0},
+    {hermite, 1.0},  {box, 0.5},         {triangle, 1.0},    {bell, 1.5},           {bspline, 2.0},
+    {lanczos3, 3.0}, {mitchell, 2.0},    {cubic_b15, 2.0},   {quadratic, 1.3712},   {gaussian, 2.0},
+    {filter11, 2.0}, {filter12, 1.0},    {butterworth, 4.5}, {bessel, 2.703395061}, {keys05, 2.0},
     {keys075, 2.0},  {catmull_rom, 2.0},
 };
 
@@ -178,7 +178,8 @@ ZT_API double HermiteInterpolate(double y0, double y1, double y2, double y3, dou
          (3.0 * mu2 - 2.0 * mu3) * y2;
 }
 
-ZT_API double CatmullRomInterpolate3(double y0, double y1, double y2, double y3, double t, double t2, double t3) {
+ZT_API double CatmullRomInterpolate3(double y0, double y1, double y2, double y3, double t, double t2,
+                                     double t3) {
   return 0.5 * (2.0 * y1 + (y2 - y0) * t + (2.0 * y0 - 5.0 * y1 + 4.0 * y2 - y3) * t2 +
                 (3.0 * (y1 - y2) + y3 - y0) * t3);
 }

@@ -39,8 +39,9 @@ struct Weights {
 };
 
 // Builds the weights for a geometry; throws std::bad_alloc.
-std::unique_ptr<Weights> build_weights(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth, uint32_t outHeight,
-                                       bool fixedPoint, ResampleFilterFn filter, double support);
+std::unique_ptr<Weights> build_weights(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
+                                       uint32_t outHeight, bool fixedPoint, ResampleFilterFn filter,
+                                       double support);
 // Weights along one direction (exposed for the tests of the tables).
 void build_axis(WeightAxis &axis, uint32_t inSize, uint32_t outSize, bool fixedPoint, ResampleFilterFn filter,
                 double support, uint32_t group, bool monotoneStarts);
@@ -73,8 +74,8 @@ uint32_t cache_size(Family family);
 
 struct ResampleKernels {
   // Along the row, 8-bit in, 6-fraction-bit 16-bit out.
-  void (*hpass_u8)(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *paired, const int32_t *start,
-                   uint32_t stride, uint32_t x0, uint32_t x1);
+  void (*hpass_u8)(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *paired,
+                   const int32_t *start, uint32_t stride, uint32_t x0, uint32_t x1);
   // Across rows, to 8-bit.
   void (*vpass_u8)(uint8_t *out, const int16_t *const *rows, const int16_t *w, uint32_t count, uint32_t x0,
                    uint32_t x1);

@@ -30,7 +30,9 @@ namespace zt::screening::ZT_KERNEL_NS {
 
 namespace {
 
-inline int16_t saturate16(int32_t v) { return static_cast<int16_t>(v < -32768 ? -32768 : (v > 32767 ? 32767 : v)); }
+inline int16_t saturate16(int32_t v) {
+  return static_cast<int16_t>(v < -32768 ? -32768 : (v > 32767 ? 32767 : v));
+}
 
 inline float round_even(float v) {
   const float magic = 8388608.0f;
@@ -98,7 +100,7 @@ inline __m256i hpass_u8_eight(const uint8_t *in, const int16_t *wp, const int32_
   // acc[q] holds four partial sums of output 2q, then four of 2q + 1.
   const __m256i s01 = fold_pair<0xAA, 0xB1>(acc[0], acc[1]);
   const __m256i s23 = fold_pair<0xAA, 0xB1>(acc[2], acc[3]);
-  const __m256i mixed = fold_pair<0xCC, 0x4E>(s01, s23); // outputs 0 2 4 6 | 1 3 5 7
+  const __m256i mixed = fold_pair<0xCC, 0x4E>(s01, s23);  // outputs 0 2 4 6 | 1 3 5 7
   return _mm256_permutevar8x32_epi32(mixed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
@@ -120,8 +122,8 @@ inline uint32_t hpass_u8_vector(int16_t *out, const uint8_t *in, const int16_t *
 #endif
 
 namespace {
-inline void hpass_u8_one(int16_t *out, const uint8_t *in, const int16_t *w, const int32_t *start, uint32_t stride,
-                         uint32_t x) {
+inline void hpass_u8_one(int16_t *out, const uint8_t *in, const int16_t *w, const int32_t *start,
+                         uint32_t stride, uint32_t x) {
   const uint8_t *src = in + start[x];
   const int16_t *wr = w + size_t{x} * stride;
   int32_t acc = 0;
@@ -137,9 +139,15 @@ void hpass_u8(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *
   // The paired weights start at even outputs.
   if ((x & 1u) != 0 && x < x1) hpass_u8_one(out, in, w, start, stride, x++);
   switch (stride) {
-    case 16: x = hpass_u8_vector<1>(out, in, wp, start, stride, x, x1); break;
-    case 32: x = hpass_u8_vector<2>(out, in, wp, start, stride, x, x1); break;
-    default: x = hpass_u8_vector<0>(out, in, wp, start, stride, x, x1); break;
+    case 16:
+      x = hpass_u8_vector<1>(out, in, wp, start, stride, x, x1);
+      break;
+    case 32:
+      x = hpass_u8_vector<2>(out, in, wp, start, stride, x, x1);
+      break;
+    default:
+      x = hpass_u8_vector<0>(out, in, wp, start, stride, x, x1);
+      break;
   }
 #else
   (void)wp;
@@ -147,7 +155,8 @@ void hpass_u8(int16_t *out, const uint8_t *in, const int16_t *w, const int16_t *
   for (; x < x1; ++x) hpass_u8_one(out, in, w, start, stride, x);
 }
 
-void vpass_u8(uint8_t *out, const int16_t *const *rows, const int16_t *w, uint32_t count, uint32_t x0, uint32_t x1) {
+void vpass_u8(uint8_t *out, const int16_t *const *rows, const int16_t *w, uint32_t count, uint32_t x0,
+              uint32_t x1) {
   uint32_t x = x0;
 #if defined(__AVX2__)
   const __m256i round = _mm256_set1_epi32(1 << 19);
@@ -213,7 +222,8 @@ void hpass_f(float *out, const float *in, const float *w, const int32_t *start, 
 namespace {
 
 template <typename T>
-void vpass_f(T *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0, uint32_t x1, float top) {
+void vpass_f(T *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0, uint32_t x1,
+             float top) {
   uint32_t x = x0;
 #if defined(__AVX2__)
   const __m256 magic = _mm256_set1_ps(8388608.0f);
@@ -267,11 +277,13 @@ void to_float(float *out, const T *in, size_t n, int32_t mode) {
 
 }  // namespace
 
-void vpass_f8(uint8_t *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0, uint32_t x1) {
+void vpass_f8(uint8_t *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0,
+              uint32_t x1) {
   vpass_f(out, rows, w, count, x0, x1, 255.0f);
 }
 
-void vpass_f16(uint16_t *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0, uint32_t x1) {
+void vpass_f16(uint16_t *out, const float *const *rows, const float *w, uint32_t count, uint32_t x0,
+               uint32_t x1) {
   vpass_f(out, rows, w, count, x0, x1, 65535.0f);
 }
 

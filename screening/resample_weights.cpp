@@ -4,11 +4,6 @@
 #include "screening/resample_kernels.h"
 #undef ZT_KERNEL_NS
 
-#include "foundation/locks.h"
-#include "foundation/simd_dispatch.h"
-#include "foundation/zt_internal.h"
-#include "screening/resample_internal.h"
-
 #include <algorithm>
 #include <cinttypes>
 #include <cmath>
@@ -16,11 +11,16 @@
 #include <mutex>
 #include <string>
 
+#include "foundation/locks.h"
+#include "foundation/simd_dispatch.h"
+#include "foundation/zt_internal.h"
+#include "screening/resample_internal.h"
+
 namespace zt::screening {
 
 namespace avx2 {
-void hpass_u8(int16_t *, const uint8_t *, const int16_t *, const int16_t *, const int32_t *, uint32_t, uint32_t,
-              uint32_t);
+void hpass_u8(int16_t *, const uint8_t *, const int16_t *, const int16_t *, const int32_t *, uint32_t,
+              uint32_t, uint32_t);
 void vpass_u8(uint8_t *, const int16_t *const *, const int16_t *, uint32_t, uint32_t, uint32_t);
 void hpass_f(float *, const float *, const float *, const int32_t *, uint32_t, uint32_t, uint32_t);
 void vpass_f8(uint8_t *, const float *const *, const float *, uint32_t, uint32_t, uint32_t);
@@ -31,8 +31,8 @@ void to_float_u16(float *, const uint16_t *, size_t, int32_t);
 
 namespace {
 
-constexpr ResampleKernels kBaseline = {baseline::hpass_u8, baseline::vpass_u8,  baseline::hpass_f,
-                                       baseline::vpass_f8, baseline::vpass_f16, baseline::to_float_u8,
+constexpr ResampleKernels kBaseline = {baseline::hpass_u8,    baseline::vpass_u8,  baseline::hpass_f,
+                                       baseline::vpass_f8,    baseline::vpass_f16, baseline::to_float_u8,
                                        baseline::to_float_u16};
 constexpr ResampleKernels kAvx2 = {avx2::hpass_u8,  avx2::vpass_u8,    avx2::hpass_f,     avx2::vpass_f8,
                                    avx2::vpass_f16, avx2::to_float_u8, avx2::to_float_u16};
@@ -109,7 +109,8 @@ void build_axis(WeightAxis &axis, uint32_t inSize, uint32_t outSize, bool fixedP
     while (first + 1 < end && q[first] == 0) ++first;
     while (end > first + 1 && q[end - 1] == 0) --end;
     starts[j] = static_cast<int32_t>(blo + static_cast<int64_t>(first));
-    taps[j].assign(q.begin() + static_cast<std::ptrdiff_t>(first), q.begin() + static_cast<std::ptrdiff_t>(end));
+    taps[j].assign(q.begin() + static_cast<std::ptrdiff_t>(first),
+                   q.begin() + static_cast<std::ptrdiff_t>(end));
   }
   // Across rows the ring lets go of lines below a window's start, so starts
   // must never go back: a window that would is widened with zero weights.
@@ -176,8 +177,9 @@ void pair_weights(WeightAxis &axis) {
 
 }  // namespace
 
-std::unique_ptr<Weights> build_weights(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth, uint32_t outHeight,
-                                       bool fixedPoint, ResampleFilterFn filter, double support) {
+std::unique_ptr<Weights> build_weights(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
+                                       uint32_t outHeight, bool fixedPoint, ResampleFilterFn filter,
+                                       double support) {
   auto weights = std::make_unique<Weights>();
   weights->fixedPoint = fixedPoint;
   build_axis(weights->h, inWidth, outWidth, fixedPoint, filter, support, kHorizontalTapGroup, false);
@@ -199,8 +201,8 @@ struct CacheEntry {
   std::string key;
   std::unique_ptr<Weights> weights;
   uint32_t references = 0;
-  uint64_t idleSince = 0; // when the last reference went
-  bool detached = false;  // left behind by shut-down while still in use
+  uint64_t idleSince = 0;  // when the last reference went
+  bool detached = false;   // left behind by shut-down while still in use
   CacheEntry *next = nullptr;
 };
 

@@ -14,8 +14,6 @@
 // for the shrinking cases means both map pixel centres the same way. After the
 // runs it prints our speed over libvips' for each case (above 1 is faster).
 #include <benchmark/benchmark.h>
-
-#include "bench_support.h"
 #include <zt/init.h>
 #include <zt/resample.h>
 #include <zt/scanlinebuf.h>
@@ -28,6 +26,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "bench_support.h"
 
 #if defined(ZT_HAVE_VIPS)
 #include <vips/vips.h>
@@ -60,7 +60,8 @@ const Image &image() {
     im.by_line.resize(w * h * kPlanes);
     im.by_pixel.resize(w * h * kPlanes);
     uint64_t rng = 0x9E3779B97F4A7C15ull;
-    static constexpr uint32_t kx[kPlanes] = {3, 5, 2, 7}, ky[kPlanes] = {2, 1, 5, 3}, shift[kPlanes] = {4, 5, 3, 6};
+    static constexpr uint32_t kx[kPlanes] = {3, 5, 2, 7}, ky[kPlanes] = {2, 1, 5, 3},
+                              shift[kPlanes] = {4, 5, 3, 6};
     for (size_t y = 0; y < h; ++y) {
       uint8_t *line = im.by_line.data() + y * w * kPlanes;
       uint8_t *pixel = im.by_pixel.data() + y * w * kPlanes;
@@ -98,9 +99,9 @@ int32_t read_line(void *user, ScanlineBuf *dst, uint32_t line) {
 template <typename Sink>
 bool resample_ours(const Image &img, uint32_t out_w, uint32_t out_h, uint32_t filter, uint32_t threads,
                    ScanlineBuf *line, Sink sink) {
-  ResampleContext *ctx = resampleInitUsingFilter(ZT_RESAMPLE_FILTERED, img.width, img.height, out_w, out_h,
-                                                 kPlanes, 8, 8, read_line, nullptr, nullptr,
-                                                 const_cast<Image *>(&img), filter);
+  ResampleContext *ctx =
+      resampleInitUsingFilter(ZT_RESAMPLE_FILTERED, img.width, img.height, out_w, out_h, kPlanes, 8, 8,
+                              read_line, nullptr, nullptr, const_cast<Image *>(&img), filter);
   if (ctx == nullptr) return false;
   bool ok = resampleSetupThreads(ctx, threads) == 0;
   for (uint32_t y = 0; ok && y < out_h; ++y) {
@@ -113,8 +114,8 @@ bool resample_ours(const Image &img, uint32_t out_w, uint32_t out_h, uint32_t fi
 
 void set_counters(benchmark::State &state, uint32_t out_w, uint32_t out_h) {
   const double mpix = static_cast<double>(out_w) * out_h / 1e6;
-  state.counters["Mpix/s"] = benchmark::Counter(mpix * static_cast<double>(state.iterations()),
-                                                benchmark::Counter::kIsRate);
+  state.counters["Mpix/s"] =
+      benchmark::Counter(mpix * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 void BM_Ours(benchmark::State &state) {
@@ -161,15 +162,15 @@ VipsKernel vips_kernel(int filter) {
 // rows compare against a different curve from ours. Shrinking passes the
 // exact ratio of the sizes so both libraries produce the same geometry.
 uint8_t *resample_vips(const Image &img, uint32_t out_w, uint32_t out_h, int pct, int filter, size_t *size) {
-  VipsImage *in = vips_image_new_from_memory(img.by_pixel.data(), img.by_pixel.size(),
-                                             static_cast<int>(img.width), static_cast<int>(img.height),
-                                             kPlanes, VIPS_FORMAT_UCHAR);
+  VipsImage *in =
+      vips_image_new_from_memory(img.by_pixel.data(), img.by_pixel.size(), static_cast<int>(img.width),
+                                 static_cast<int>(img.height), kPlanes, VIPS_FORMAT_UCHAR);
   if (in == nullptr) return nullptr;
   VipsImage *out = nullptr;
   int rc;
   if (pct < 100) {
-    rc = vips_reduce(in, &out, static_cast<double>(img.width) / out_w, static_cast<double>(img.height) / out_h,
-                     "kernel", vips_kernel(filter), nullptr);
+    rc = vips_reduce(in, &out, static_cast<double>(img.width) / out_w,
+                     static_cast<double>(img.height) / out_h, "kernel", vips_kernel(filter), nullptr);
   } else {
     rc = vips_resize(in, &out, pct / 100.0, "kernel", vips_kernel(filter), nullptr);
   }
@@ -213,7 +214,8 @@ void compare_with_vips(int pct, int filter) {
                                 [&](uint32_t y, ScanlineBuf *l) {
                                   uint8_t *row = ours.data() + static_cast<size_t>(y) * out_w * kPlanes;
                                   for (uint32_t c = 0; c < kPlanes; ++c) {
-                                    const uint8_t *plane = l->data + static_cast<size_t>(c) * l->bytesPerPlaneRow;
+                                    const uint8_t *plane =
+                                        l->data + static_cast<size_t>(c) * l->bytesPerPlaneRow;
                                     for (uint32_t x = 0; x < out_w; ++x) row[x * kPlanes + c] = plane[x];
                                   }
                                 });
@@ -236,9 +238,10 @@ void compare_with_vips(int pct, int filter) {
     largest = std::max(largest, d);
   }
   g_free(peer);
-  std::printf("check %.2fx filter %d (%ux%u -> %ux%u): mean |ours - libvips| %.4f, largest %d%s\n", pct / 100.0,
-              filter, img.width, img.height, out_w, out_h, static_cast<double>(sum) / static_cast<double>(size),
-              largest, pct > 100 ? " (libvips enlarges with its bicubic)" : "");
+  std::printf("check %.2fx filter %d (%ux%u -> %ux%u): mean |ours - libvips| %.4f, largest %d%s\n",
+              pct / 100.0, filter, img.width, img.height, out_w, out_h,
+              static_cast<double>(sum) / static_cast<double>(size), largest,
+              pct > 100 ? " (libvips enlarges with its bicubic)" : "");
 }
 
 BENCHMARK(BM_Vips)->Apply(case_args)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
@@ -249,7 +252,8 @@ BENCHMARK(BM_Ours)->Apply(case_args)->Unit(benchmark::kMillisecond)->UseRealTime
 // CI's smoke run passes --benchmark_min_time=0.01 (seconds; a trailing "s" as
 // newer releases write it is accepted too).
 bool smoke_run(int argc, char **argv) {
-  if (const char *env = std::getenv("ZT_BENCH_SMOKE"); env != nullptr && std::strcmp(env, "1") == 0) return true;
+  if (const char *env = std::getenv("ZT_BENCH_SMOKE"); env != nullptr && std::strcmp(env, "1") == 0)
+    return true;
   const std::string flag = "--benchmark_min_time=";
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -287,8 +291,8 @@ int main(int argc, char **argv) {
   for (int pct : kFactorsPct) {
     for (int filter : kFilters) {
       for (int threads : kThreads) {
-        const std::string args =
-            "/pct:" + std::to_string(pct) + "/filter:" + std::to_string(filter) + "/thr:" + std::to_string(threads);
+        const std::string args = "/pct:" + std::to_string(pct) + "/filter:" + std::to_string(filter) +
+                                 "/thr:" + std::to_string(threads);
         const double ours = reporter.value("BM_Ours" + args);
         const double peer = reporter.value("BM_Vips" + args);
         // A case that did not run (filtered out, failed, or no libvips) shows "-".
@@ -297,7 +301,8 @@ int main(int argc, char **argv) {
         if (peer > 0) std::snprintf(peer_text, sizeof peer_text, "%.1f", peer);
         if (ours > 0 && peer > 0) std::snprintf(ratio, sizeof ratio, "%.2f", ours / peer);
         std::printf("%-7.2f %-9s %-4d %12s %12s %8s\n", pct / 100.0,
-                    filter == ZT_FILTER_LANCZOS3 ? "lanczos3" : "mitchell", threads, ours_text, peer_text, ratio);
+                    filter == ZT_FILTER_LANCZOS3 ? "lanczos3" : "mitchell", threads, ours_text, peer_text,
+                    ratio);
       }
     }
   }

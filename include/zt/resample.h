@@ -113,8 +113,8 @@ typedef struct ResampleContext {
   uint32_t ioBoundTask; /* set: all work stays on the caller's thread */
   uint32_t threads;     /* parts a wide line is split into */
   ResampleReadFn readScanline;
-  ResampleSkipFn skipScanline;     /* optional */
-  ResampleProducerFn producer;     /* optional */
+  ResampleSkipFn skipScanline; /* optional */
+  ResampleProducerFn producer; /* optional */
   void *userData;
   ResampleFilterFn filter;
   double support;
@@ -187,9 +187,9 @@ ZT_API ScaleContext *ScaleInit(uint32_t inWidth, uint32_t inHeight, uint32_t out
                                uint32_t planes, uint32_t bppIn, uint32_t bppOut, ResampleReadFn readScanline,
                                ResampleSkipFn skipScanline, void *userData);
 ZT_API ScaleContext *ScaleInitUsingFilter(uint32_t inWidth, uint32_t inHeight, uint32_t outWidth,
-                                          uint32_t outHeight, uint32_t planes, uint32_t bppIn, uint32_t bppOut,
-                                          ResampleReadFn readScanline, ResampleSkipFn skipScanline,
-                                          void *userData, uint32_t filterId);
+                                          uint32_t outHeight, uint32_t planes, uint32_t bppIn,
+                                          uint32_t bppOut, ResampleReadFn readScanline,
+                                          ResampleSkipFn skipScanline, void *userData, uint32_t filterId);
 ZT_API int32_t FilteredScaleSetFilter(ScaleContext *context, uint32_t id);
 ZT_API int32_t ScaleGetNextScanline(ScaleContext *context, ScanlineBuf *scanline);
 ZT_API int32_t ScaleSetCanSkipScanlines(ScaleContext *context, uint32_t flag);
