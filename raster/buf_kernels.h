@@ -133,6 +133,17 @@ inline uint8_t dither_real_sample(uint32_t s, float noise) {
   return static_cast<uint8_t>(v);
 }
 
+// One sample of either table: 0 and 65535 map to 0 and 255 and take no
+// noise; any other sample takes the entry at the cursor, which then moves on
+// (wrapping at the table's end).
+template <typename T, typename Sample>
+inline uint8_t dither_step(uint32_t s, const T *&cursor, const T *start, const T *end, Sample sample) {
+  if (s == 0 || s == 65535) return static_cast<uint8_t>(s & 255u);
+  const uint8_t v = sample(s, *cursor);
+  if (++cursor == end) cursor = start;
+  return v;
+}
+
 #if defined(__AVX2__)
 // For each mask of the samples that take noise, the index of the noise entry
 // each lane uses: the count of taking lanes before it.
@@ -179,6 +190,14 @@ inline void store8(uint8_t *out, __m256i q) {
   __builtin_memcpy(out, words, 8);
 }
 
+// Stores eight results whose lanes at the ends (samples 0 and 65535) keep
+// their own value, 0 or 255, whatever the noise made of them.
+inline void store8_keeping_ends(uint8_t *out, __m256i s, __m256i q) {
+  const __m256i ends = _mm256_or_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()),
+                                       _mm256_cmpeq_epi32(s, _mm256_set1_epi32(65535)));
+  store8(out, _mm256_blendv_epi8(q, _mm256_and_si256(s, _mm256_set1_epi32(255)), ends));
+}
+
 // Sixteen results of 0..255 in two vectors of 32-bit lanes, stored in order.
 inline void store16x(uint8_t *out, __m256i q0, __m256i q1) {
   const __m256i w = _mm256_permute4x64_epi64(_mm256_packus_epi32(q0, q1), 0xD8);
@@ -205,6 +224,7 @@ inline __m256i div257(__m256i x) {
 // after the entries taken. Samples of 0 and 65535 take no noise.
 const int32_t *dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int32_t *start,
                                const int32_t *end, const int32_t *cursor, bool narrow) {
+  const auto sample = [narrow](uint32_t s, int32_t noise) { return dither_int_sample(s, noise, narrow); };
   size_t i = 0;
 #if defined(__AVX2__)
   // Both kinds reduce to clamp(s + n, 0, 65535) / 257 with the ends forced:
@@ -237,42 +257,19 @@ const int32_t *dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const
     }
     if (end - cursor < 8) {
       // Close to the wrap: these eight go one by one.
-      for (size_t k = i; k < i + 8; ++k) {
-        const uint32_t s1 = in[k];
-        if (s1 == 0 || s1 == 65535) {
-          out[k] = static_cast<uint8_t>(s1 & 255u);
-        } else {
-          out[k] = dither_int_sample(s1, *cursor, narrow);
-          if (++cursor == end) cursor = start;
-        }
-      }
+      for (size_t k = i; k < i + 8; ++k) out[k] = dither_step(in[k], cursor, start, end, sample);
       continue;
     }
     uint32_t taken;
     __m256i noise;
     const __m256i s = dither_lanes(in + i, cursor, &taken, &noise);
     __m256i v = _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s, noise), _mm256_setzero_si256()), top);
-    v = div257(v);
-    // Lanes at the ends keep their own value: 0 gives 0, 65535 gives 255.
-    const __m256i ends =
-        _mm256_or_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), _mm256_cmpeq_epi32(s, top));
-    v = _mm256_blendv_epi8(v, _mm256_and_si256(s, _mm256_set1_epi32(255)), ends);
-    store8(out + i, v);
+    store8_keeping_ends(out + i, s, div257(v));
     cursor += taken;
     if (cursor == end) cursor = start;
   }
 #endif
-  for (; i < n; ++i) {
-    const uint32_t s = in[i];
-    if (s == 0) {
-      out[i] = 0;
-    } else if (s == 65535) {
-      out[i] = 255;
-    } else {
-      out[i] = dither_int_sample(s, *cursor, narrow);
-      if (++cursor == end) cursor = start;
-    }
-  }
+  for (; i < n; ++i) out[i] = dither_step(in[i], cursor, start, end, sample);
   return cursor;
 }
 
@@ -282,7 +279,6 @@ const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const 
 #if defined(__AVX2__)
   const __m256 k257 = _mm256_set1_ps(257.0f);
   const __m256 k255 = _mm256_set1_ps(255.0f);
-  const __m256i top = _mm256_set1_epi32(65535);
   for (; i + 8 <= n; i += 8) {
     if (i + 16 <= n && end - cursor >= 16) {
       const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
@@ -301,15 +297,7 @@ const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const 
       }
     }
     if (end - cursor < 8) {
-      for (size_t k = i; k < i + 8; ++k) {
-        const uint32_t s1 = in[k];
-        if (s1 == 0 || s1 == 65535) {
-          out[k] = static_cast<uint8_t>(s1 & 255u);
-        } else {
-          out[k] = dither_real_sample(s1, *cursor);
-          if (++cursor == end) cursor = start;
-        }
-      }
+      for (size_t k = i; k < i + 8; ++k) out[k] = dither_step(in[k], cursor, start, end, dither_real_sample);
       continue;
     }
     uint32_t taken;
@@ -317,26 +305,12 @@ const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const 
     const __m256i s = dither_lanes(in + i, reinterpret_cast<const int32_t *>(cursor), &taken, &noise);
     __m256 v = _mm256_add_ps(_mm256_div_ps(_mm256_cvtepi32_ps(s), k257), _mm256_castsi256_ps(noise));
     v = _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), k255);
-    __m256i q = _mm256_cvttps_epi32(v);
-    const __m256i ends =
-        _mm256_or_si256(_mm256_cmpeq_epi32(s, _mm256_setzero_si256()), _mm256_cmpeq_epi32(s, top));
-    q = _mm256_blendv_epi8(q, _mm256_and_si256(s, _mm256_set1_epi32(255)), ends);
-    store8(out + i, q);
+    store8_keeping_ends(out + i, s, _mm256_cvttps_epi32(v));
     cursor += taken;
     if (cursor == end) cursor = start;
   }
 #endif
-  for (; i < n; ++i) {
-    const uint32_t s = in[i];
-    if (s == 0) {
-      out[i] = 0;
-    } else if (s == 65535) {
-      out[i] = 255;
-    } else {
-      out[i] = dither_real_sample(s, *cursor);
-      if (++cursor == end) cursor = start;
-    }
-  }
+  for (; i < n; ++i) out[i] = dither_step(in[i], cursor, start, end, dither_real_sample);
   return cursor;
 }
 
