@@ -85,18 +85,6 @@ void skip_blanks(const char *&p, const char *end) {
   while (p < end && *p == ' ') ++p;
 }
 
-template <typename T>
-void store(void *item, uint32_t offset, T v) {
-  std::memcpy(static_cast<char *>(item) + offset, &v, sizeof(T));
-}
-
-template <typename T>
-T load(const void *item, uint32_t offset) {
-  T v;
-  std::memcpy(&v, static_cast<const char *>(item) + offset, sizeof(T));
-  return v;
-}
-
 void store_uint(char *p, uint32_t width, uint64_t v) {
   switch (width) {
     case 1: *reinterpret_cast<uint8_t *>(p) = static_cast<uint8_t>(v); break;

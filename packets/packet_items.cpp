@@ -13,18 +13,6 @@ namespace zt::packets {
 
 namespace {
 
-template <typename T>
-T load(const void *item, uint32_t offset) {
-  T v;
-  std::memcpy(&v, static_cast<const char *>(item) + offset, sizeof(T));
-  return v;
-}
-
-template <typename T>
-void store(void *item, uint32_t offset, T v) {
-  std::memcpy(static_cast<char *>(item) + offset, &v, sizeof(T));
-}
-
 bool is_array(uint32_t type) {
   switch (type) {
     case 15: case 16: case 17: case 18: case 19: case 22: case 23: case 27: case 30: case 31: return true;

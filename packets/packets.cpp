@@ -17,18 +17,6 @@ namespace {
 
 constexpr size_t kScratch = 8192;
 
-template <typename T>
-T load(const void *item, uint32_t offset) {
-  T v;
-  std::memcpy(&v, static_cast<const char *>(item) + offset, sizeof(T));
-  return v;
-}
-
-template <typename T>
-void store(void *item, uint32_t offset, T v) {
-  std::memcpy(static_cast<char *>(item) + offset, &v, sizeof(T));
-}
-
 // Lines are collected in an 8 KiB scratch buffer and handed to the packet
 // memory in blocks, so a long list costs few appends.
 class Writer {

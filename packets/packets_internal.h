@@ -1,11 +1,12 @@
 // Shared by the packet modules: the storage-class registry as the encoder and
-// decoder see it, and the hexadecimal digit table.
+// decoder see it, the hexadecimal digit table and field access in items.
 #pragma once
 
 #include <zt/packets.h>
 #include <zt/threads.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,20 @@
 namespace zt::packets {
 
 inline constexpr const char *kModule = "packets";
+
+// A field of an item at a byte offset; items are plain bytes laid out by
+// their class, so fields need not be aligned.
+template <typename T>
+T load(const void *item, uint32_t offset) {
+  T v;
+  std::memcpy(&v, static_cast<const char *>(item) + offset, sizeof(T));
+  return v;
+}
+
+template <typename T>
+void store(void *item, uint32_t offset, T v) {
+  std::memcpy(static_cast<char *>(item) + offset, &v, sizeof(T));
+}
 
 // Digit values of the 256 characters (0 for anything that is not a hex digit),
 // and whether a character is a hex digit. Filled by ZT_packetsInitSubSystem.
