@@ -386,12 +386,10 @@ void batch_needs(const ResampleEngine *e, uint32_t first, uint32_t outHeight, ui
   for (uint32_t j = first; j < end; ++j) *needEnd = std::max(*needEnd, v.start[j] + v.count[j]);
 }
 
-// Reads on to the input lines of the batch starting at `first`. Lines no
+// Reads on to the input lines [needFirst, needEnd) of a batch. Lines no
 // window covers are consumed unseen; they all come before the lines the
 // batch reads.
-int32_t read_batch_lines(ResampleContext *c, uint32_t first, const char *function) {
-  uint32_t needFirst = 0, needEnd = 0;
-  batch_needs(c->engine, first, c->outHeight, &needFirst, &needEnd);
+int32_t read_batch_lines(ResampleContext *c, uint32_t needFirst, uint32_t needEnd, const char *function) {
   while (c->linesRead < needFirst)
     if (consume_line(c, function) != 0) return -1;
   while (c->linesRead < needEnd)
@@ -407,18 +405,21 @@ int32_t make_batch(ResampleContext *c, uint32_t first, const char *function) {
     e->failed = true;
     return -1;
   }
-  if (read_batch_lines(c, first, function) != 0) return -1;
   uint32_t needFirst = 0, needEnd = 0;
   batch_needs(e, first, c->outHeight, &needFirst, &needEnd);
+  if (read_batch_lines(c, needFirst, needEnd, function) != 0) return -1;
   e->newFirst = std::max(e->filtered, needFirst);
   e->newEnd = std::max(e->newFirst, needEnd);
   e->batchFirst = first;
   e->batchEnd = std::min(c->outHeight, first + e->batch);
   const bool queued = start_parts(c);
-  if (e->batchEnd < c->outHeight && read_batch_lines(c, e->batchEnd, function) != 0) {
-    // This batch is sound; the failure (logged) stops the next one.
-    e->failed = false;
-    e->readAheadFailed = true;
+  if (e->batchEnd < c->outHeight) {
+    batch_needs(e, e->batchEnd, c->outHeight, &needFirst, &needEnd);
+    if (read_batch_lines(c, needFirst, needEnd, function) != 0) {
+      // This batch is sound; the failure (logged) stops the next one.
+      e->failed = false;
+      e->readAheadFailed = true;
+    }
   }
   finish_parts(c, queued);
   e->filtered = e->newEnd;
