@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 

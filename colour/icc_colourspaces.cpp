@@ -14,8 +14,8 @@
 #include <cstring>
 
 #include "colour/cie_tables.h"
-#include "colour/ztcms_internal.h"
-#include "foundation/zt_internal.h"
+#include "colour/cms_internal.h"
+#include "foundation/internal.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "colour/ztcms_internal.h"
-#include "foundation/zt_internal.h"
+#include "colour/cms_internal.h"
+#include "foundation/internal.h"
 
 namespace zt::colour {
 namespace {

@@ -17,7 +17,7 @@
 
 #include "foundation/locks.h"
 #include "foundation/simd_dispatch.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace zt::colour {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "foundation/simd_dispatch.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <cpuid.h>

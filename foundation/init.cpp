@@ -8,11 +8,13 @@
 // image-file module, the screening cache, resampling, colour management and
 // the table interpolators, cryptography, and last the periodic-task thread.
 // Modules that are not built yet take their place in that order when they are.
-#include "colour/ztcms_internal.h"
+#include "colour/cms_internal.h"
+#include "foundation/globals_internal.h"
 #include "foundation/log_internal.h"
 #include "foundation/periodic_internal.h"
 #include "foundation/simd_dispatch.h"
 #include "foundation/startup.h"
+#include "packets/packets_internal.h"
 #include "raster/buf_internal.h"
 #include "raster/interleave_internal.h"
 
@@ -53,6 +55,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::scratch_dir_init();
   threadpoolStaticInit();
   ZT_packetsInitSubSystem();
+  zt::globals_set_release_hook(&zt::packets::release_globals);
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
   ditherStaticInit();

@@ -3,7 +3,7 @@
 #include "foundation/log_internal.h"
 #include "foundation/locks.h"
 #include "foundation/membuf_internal.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/lists.h>
 #include <zt/log.h>

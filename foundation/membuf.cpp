@@ -8,7 +8,7 @@
 #include <new>
 
 #include "foundation/membuf_internal.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // job's page description) resolved to, so repeated pages skip the lookup.
 #include "foundation/locks.h"
 #include "foundation/startup.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/init.h>
 

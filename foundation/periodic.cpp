@@ -2,7 +2,7 @@
 // every task whose interval has passed, sleeping until the next one is due.
 #include "foundation/locks.h"
 #include "foundation/periodic_internal.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/lists.h>
 #include <zt/periodic.h>

@@ -6,49 +6,17 @@
 // at once, and again with the new level whenever ZT_SetSimdLevel changes it,
 // so the whole library switches together and tests can run every level.
 //
-// Writing a kernel once for both levels (module "blend" as the example):
-//
-//   raster/blend_kernels.h  - the one body. It opens a namespace named by a
-//   macro that the including file sets, so each level's copies get their own
-//   mangled names and the linker can never merge an AVX2 instance into the
-//   baseline path:
-//
-//       #ifndef ZT_KERNEL_NS
-//       #error "define ZT_KERNEL_NS before including blend_kernels.h"
-//       #endif
-//       namespace zt::raster::ZT_KERNEL_NS {
-//       template <typename T> void blend_row(const T *a, const T *b, T *out, size_t n) { ... }
-//       void blend_row8(const uint8_t *a, const uint8_t *b, uint8_t *out, size_t n) {
-//         blend_row(a, b, out, n);
-//       }
-//       }  // namespace zt::raster::ZT_KERNEL_NS
-//
-//   Kernel bodies call nothing outside that namespace that could be inlined
-//   (no STL, not even std::min): an inline function shared with the baseline
-//   file is emitted once per object file, and the linker keeps whichever copy
-//   it sees first, possibly the one compiled for AVX2.
-//
-//   raster/blend.cpp       - the baseline copy, the table and its refill:
-//
-//       #define ZT_KERNEL_NS baseline
-//       #include "raster/blend_kernels.h"
-//       #undef ZT_KERNEL_NS
-//       namespace zt::raster {
-//       namespace avx2 { void blend_row8(const uint8_t *, const uint8_t *, uint8_t *, size_t); }
-//       namespace {
-//       struct BlendTable { void (*row8)(const uint8_t *, const uint8_t *, uint8_t *, size_t); };
-//       BlendTable g_blend = {baseline::blend_row8};
-//       void refill_blend(int32_t level) {
-//         g_blend.row8 = level >= ZT_SIMD_AVX2 ? avx2::blend_row8 : baseline::blend_row8;
-//       }
-//       }  // namespace
-//       int32_t blend_init() { return zt::simd_register_table(&refill_blend); }
-//       }  // namespace zt::raster
-//
-//   raster/blend_avx2.cpp  - built with -mavx2 -mfma (by its name):
-//
-//       #define ZT_KERNEL_NS avx2
-//       #include "raster/blend_kernels.h"
+// A kernel is written once for both levels; raster/buf_kernels.h, buf.cpp and
+// buf_avx2.cpp are the model. The kernels header holds the one body inside a
+// namespace named by the macro ZT_KERNEL_NS, which the including file sets
+// (baseline in buf.cpp, avx2 in buf_avx2.cpp, built with -mavx2 -mfma by its
+// name), so each level's copies get their own mangled names and the linker can
+// never merge an AVX2 instance into the baseline path. Kernel bodies call
+// nothing outside that namespace that could be inlined (no STL, not even
+// std::min): an inline function shared with the baseline file is emitted once
+// per object file, and the linker keeps whichever copy it sees first. The
+// baseline file owns the function table and its refill callback, registered
+// with simd_register_table from the module's initialiser.
 //
 // The AVX2 copy must give the same bits as the baseline: the tree builds with
 // -ffp-contract=off, so the compiler fuses no a*b+c on its own, and a kernel

@@ -1,7 +1,7 @@
 // The decoder: body text back into items and lists. Every count in a body is
 // checked against the bytes that are left before anything is allocated, so a
 // body can never ask for much more memory than its own size.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -1,5 +1,5 @@
 // Packet bodies as files, and the field-by-field log of a body.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -1,6 +1,6 @@
 // Items as the field table owns them: allocation, release, deep copy,
 // comparison and the blank test.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -1,6 +1,6 @@
 // Packet memory: the growable text buffer with a reserve in front of the data
 // for a header, so that putting a header in front never moves the body.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -2,7 +2,7 @@
 // Sockets are waited on with poll, so descriptors of any number work, and one
 // deadline covers a whole header or body, so a peer that trickles bytes is
 // dropped within the caller's time-out.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -1,6 +1,6 @@
 // Items and lists as tagged text: the encoder and the decoder, both driven by
 // the storage class's field table.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

@@ -2,6 +2,7 @@
 // decoder see it, the hexadecimal digit table and field access in items.
 #pragma once
 
+#include <zt/init.h>
 #include <zt/packets.h>
 #include <zt/threads.h>
 
@@ -34,6 +35,10 @@ void store(void *item, uint32_t offset, T v) {
 extern uint8_t g_hex_value[256];
 extern uint8_t g_hex_valid[256];
 void fill_hex_tables();
+
+// Frees the packet lists and storage classes the global record holds; start-up
+// installs it as the record's release hook.
+void release_globals(ZTGlobals *globals);
 
 struct ClassInfo {
   uint32_t number = 0;

@@ -1,6 +1,6 @@
 // Request packets: the request item (class 6) followed by the data it names,
 // as a packet with its header or as a file.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>

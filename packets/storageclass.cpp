@@ -1,6 +1,7 @@
 // The storage-class registry: numbered field tables that drive encoding and
 // decoding, the built-in classes, and the packet subsystem's start-up.
-#include "foundation/zt_internal.h"
+#include "foundation/globals_internal.h"
+#include "foundation/internal.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>
@@ -251,6 +252,19 @@ const ClassInfo *RegistryReader::lookup(uint32_t class_number) const {
 }  // namespace zt::packets
 
 using namespace zt::packets;
+
+void zt::packets::release_globals(ZTGlobals *globals) {
+  // The lists go first: freeing them reads their classes' field tables.
+  constexpr uint32_t kListClasses[3] = {12, 18, 22};
+  for (int i = 0; i < 3; ++i) {
+    ZTPacketFreeList(&globals->packet_lists[i].list, kListClasses[i]);
+    std::free(globals->packet_lists[i].side_buffer);
+    globals->packet_lists[i].side_buffer = nullptr;
+  }
+  if (globals->storage_classes != nullptr)
+    ZTDestroyStorageClasses(static_cast<ZTStorageClasses *>(globals->storage_classes));
+  globals->storage_classes = nullptr;
+}
 
 extern "C" {
 

@@ -7,6 +7,7 @@
 
 #include "foundation/simd_dispatch.h"
 #include "raster/buf_internal.h"
+#include "raster/row_dither.h"
 
 #define ZT_KERNEL_NS baseline
 #include "raster/buf_kernels.h"

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/ccitt_g4_internal.h"
 #include "raster/compress_internal.h"
 

@@ -13,7 +13,7 @@
 #include <new>
 #include <utility>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/ccitt_g4_internal.h"
 #include "raster/ccitt_g4_tables.h"
 #include "raster/compress_internal.h"

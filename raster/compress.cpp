@@ -14,7 +14,7 @@
 #include <cstring>
 #include <new>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/compress_internal.h"
 
 namespace zt::raster {

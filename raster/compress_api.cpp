@@ -5,7 +5,7 @@
 #include <memory>
 #include <new>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/compress_internal.h"
 
 using zt::api_guard;

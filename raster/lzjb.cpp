@@ -5,7 +5,7 @@
 // holding the low 16 bits of the position where those bytes last started.
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/compress_internal.h"
 
 namespace zt::raster {

@@ -16,7 +16,7 @@
 #include <bit>
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/compress_internal.h"
 
 namespace zt::raster {

@@ -7,8 +7,9 @@
 #include <cstring>
 #include <vector>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/buf_internal.h"
+#include "raster/row_dither.h"
 #include "raster/interleave_internal.h"
 
 namespace zt::raster {

@@ -6,8 +6,9 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/buf_internal.h"
+#include "raster/row_dither.h"
 
 namespace {
 constexpr const char *kDitherModule = "dither";

@@ -20,7 +20,7 @@
 #include <new>
 #include <vector>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "screening/resample_internal.h"
 
 namespace zt::screening {

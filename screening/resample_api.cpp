@@ -1,6 +1,6 @@
 // The exported resample and scale families: thin shims over one engine, each
 // logging under its own module.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "screening/resample_internal.h"
 
 using zt::screening::Family;

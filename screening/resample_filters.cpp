@@ -6,7 +6,7 @@
 
 #include <cmath>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 

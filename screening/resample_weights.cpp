@@ -13,7 +13,7 @@
 
 #include "foundation/locks.h"
 #include "foundation/simd_dispatch.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "screening/resample_internal.h"
 
 namespace zt::screening {

@@ -12,8 +12,8 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <zt/dither.h>
-#include <zt/zt_api.h>
+#include <zt/dither_context.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

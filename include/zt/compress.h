@@ -21,7 +21,7 @@
 #define ZT_COMPRESS_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

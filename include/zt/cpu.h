@@ -8,7 +8,7 @@
 #define ZT_CPU_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

@@ -15,7 +15,7 @@
 #define ZT_DOTPERCENT_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

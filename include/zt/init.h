@@ -13,7 +13,7 @@
 #define ZT_INIT_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

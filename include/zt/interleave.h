@@ -10,7 +10,7 @@
 #define ZT_INTERLEAVE_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

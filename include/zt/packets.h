@@ -34,7 +34,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <zt/lists.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

@@ -9,7 +9,7 @@
 #define ZT_PERIODIC_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

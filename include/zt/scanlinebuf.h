@@ -13,8 +13,8 @@
 #define ZT_SCANLINEBUF_H
 
 #include <stdint.h>
-#include <zt/dither.h>
-#include <zt/zt_api.h>
+#include <zt/dither_context.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

@@ -18,7 +18,7 @@
 #define ZT_TABLE_INTERPOLATOR_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

@@ -28,7 +28,7 @@
 #define ZT_THREADPOOL_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

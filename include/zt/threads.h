@@ -30,7 +30,7 @@
 #include <semaphore.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 /* Keeps fields that different threads write on cache lines of their own. */
 #define ZT_CACHE_LINE 64

@@ -29,7 +29,7 @@
 #define ZT_ZTCMS_H
 
 #include <stdint.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

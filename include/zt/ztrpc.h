@@ -26,7 +26,7 @@
 #include <stdint.h>
 #include <zt/lists.h>
 #include <zt/membuf.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

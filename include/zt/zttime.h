@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 #include <time.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 

@@ -73,7 +73,7 @@ run_consumer() {
 
 step "install into $prefix"
 quiet "$cmake" --install "$build_dir" --prefix "$prefix"
-for f in include/zt/zt_api.h include/zt/init.h include/zt/log.h; do
+for f in include/zt/api.h include/zt/init.h include/zt/log.h; do
   [[ -f $prefix/$f ]] || { echo "FAIL: $f not installed"; exit 1; }
 done
 config=$(find "$prefix" -name ZTConfig.cmake -print -quit)

@@ -21,8 +21,8 @@
 #include <new>
 
 #include "foundation/locks.h"
-#include "foundation/zt_internal.h"
-#include "foundation/zt_waker.h"
+#include "foundation/internal.h"
+#include "foundation/waker.h"
 
 namespace zt::foundation {
 namespace {

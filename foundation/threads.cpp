@@ -15,8 +15,8 @@
 #include <thread>
 #include <utility>
 
-#include "foundation/zt_internal.h"
-#include "foundation/zt_waker.h"
+#include "foundation/internal.h"
+#include "foundation/waker.h"
 
 namespace zt::foundation {
 namespace {

@@ -7,8 +7,9 @@
 #include <mutex>
 #include <new>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/buf_internal.h"
+#include "raster/row_dither.h"
 
 namespace zt::raster {
 

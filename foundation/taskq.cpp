@@ -20,8 +20,8 @@
 #include <mutex>
 #include <thread>
 
-#include "foundation/zt_internal.h"
-#include "foundation/zt_waker.h"
+#include "foundation/internal.h"
+#include "foundation/waker.h"
 
 namespace zt::foundation {
 namespace {

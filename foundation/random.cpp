@@ -3,7 +3,7 @@
 #include "foundation/locks.h"
 
 #include <zt/random.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 #include <atomic>
 #include <ctime>

@@ -1,7 +1,7 @@
 // Files the library keeps for the process: the per-user scratch directory and
 // the job and scratch-file sequence numbers that survive a restart.
 #include "foundation/startup.h"
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/init.h>
 

@@ -1,6 +1,6 @@
 // The variables record the host hands over: the installation root that every
 // file of the installation is found under.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/init.h>
 

@@ -1,31 +1,19 @@
 // The library's one global record, shared by the host's subsystems under its
 // read-write lock.
-#include "foundation/zt_internal.h"
-
-#include <zt/init.h>
-#include <zt/lists.h>
-#include <zt/packets.h>
-#include <zt/threads.h>
+#include "foundation/globals_internal.h"
+#include "foundation/internal.h"
 
 #include <atomic>
 #include <cstdlib>
 
-struct ZTGlobals {
-  pthread_rwlock_t lock;
-  void *database;
-  void *storage_classes;
-  struct {
-    ZTListNode *list;
-    void *side_buffer;
-  } packet_lists[3];
-  ZTVariables variables;
-};
-
 namespace {
 
 constinit std::atomic<ZTGlobals *> g_globals{nullptr};
+constinit std::atomic<zt::GlobalsReleaseHook> g_release_hook{nullptr};
 
 }  // namespace
+
+void zt::globals_set_release_hook(GlobalsReleaseHook hook) { g_release_hook.store(hook); }
 
 extern "C" {
 
@@ -55,14 +43,7 @@ ZT_API ZTGlobals *ZTGetGlobals(void) { return g_globals.load(); }
 ZT_API void ZTDestroyGlobals(void) {
   ZTGlobals *globals = g_globals.exchange(nullptr);
   if (globals == nullptr) return;
-  // The lists go first: freeing them reads their classes' field tables.
-  constexpr uint32_t kListClasses[3] = {12, 18, 22};
-  for (int i = 0; i < 3; ++i) {
-    ZTPacketFreeList(&globals->packet_lists[i].list, kListClasses[i]);
-    std::free(globals->packet_lists[i].side_buffer);
-  }
-  if (globals->storage_classes != nullptr)
-    ZTDestroyStorageClasses(static_cast<ZTStorageClasses *>(globals->storage_classes));
+  if (zt::GlobalsReleaseHook hook = g_release_hook.load()) hook(globals);
   ZTFreeVariables(&globals->variables);
   ZT_LOCK_DESTROY(&globals->lock);
   std::free(globals);

@@ -1,5 +1,5 @@
 // The RPC value stream: typed, length-prefixed items on a socket.
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 #include <zt/membuf.h>
 #include <zt/packets.h>

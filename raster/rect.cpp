@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace {
 constexpr const char *kRectModule = "zt_rect";

@@ -15,8 +15,8 @@
 #include <mutex>
 #include <new>
 
-#include "foundation/zt_internal.h"
-#include "foundation/zt_waker.h"
+#include "foundation/internal.h"
+#include "foundation/waker.h"
 
 struct ZT_ThreadWorker {
   ZT_ThreadWorker() = default;

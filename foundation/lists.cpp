@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 
 namespace zt::foundation {
 namespace {
