@@ -22,7 +22,7 @@ class RgbTest : public zt::test::ColourTest {
   void SetUp() override { ASSERT_EQ(ZTCMS_MakeDefaultRGBConvMatrices(&record_, 0x55), 0); }
   void TearDown() override {
     ZTCMS_FreeRGBConvMatrices(&record_);
-    ColourTest::TearDown();
+    zt::test::LibraryTest::TearDown();
   }
   Triple to_xyz(Triple rgb, uint8_t flags = ZTCMS_RGB_TONE_CURVES) {
     Triple xyz;

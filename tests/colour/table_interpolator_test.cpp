@@ -275,9 +275,7 @@ class TableInterpolatorRect : public testing::TestWithParam<int32_t> {
   TempDir dir_;
   ChdirGuard cwd_{dir_.path()};
   LibraryScope library_;
-  LogCapture log_;
   zt::test::SimdLevelScope level_{GetParam()};
-  void TearDown() override { EXPECT_EQ(log_.count(), 0u); }
 };
 
 // Converts with `interp` (made from `t`) and checks every sample against the

@@ -51,6 +51,8 @@ class LogTest : public ::testing::Test {
   TempDir dir_;
   ChdirGuard cwd_{dir_.path()};
   LibraryScope library_;
+  // The log is the subject here: every record a test writes is expected.
+  LogCapture expected_;
   std::string log_path_ = dir_.file("errors.log");
 };
 

@@ -13,25 +13,7 @@
 
 namespace zt::test {
 
-class PacketsTest : public ::testing::Test {
- protected:
-  TempDir dir_;
-  ChdirGuard cwd_{dir_.path()};
-  LibraryScope library_;
-  LogCapture log_;
-
-  // Exactly one line was logged and it holds `text`.
-  void expect_one_log(const std::string &text) {
-    auto lines = log_.lines();
-    ASSERT_EQ(lines.size(), 1u) << (lines.empty() ? std::string("none") : lines.back().message);
-    EXPECT_NE(lines[0].message.find(text), std::string::npos) << lines[0].message;
-    log_.clear();
-  }
-  void expect_no_log() {
-    auto lines = log_.lines();
-    EXPECT_TRUE(lines.empty()) << lines.front().message;
-  }
-};
+using PacketsTest = LibraryTest;
 
 struct PacketMemoryDeleter {
   void operator()(ZTPacketMemory *pm) const { FreePacketMemory(&pm); }

@@ -460,6 +460,7 @@ TEST_F(PacketsText, LogShowsOneLinePerField) {
   }
   EXPECT_TRUE(saw_list && saw_child && saw_array);
   ZTPacketFreeItemFields(&a, ZT_CLASS_TEST_ALL);
+  log_.clear();
 }
 
 }  // namespace

@@ -279,7 +279,7 @@ TEST_F(Rpc, ClosedPeerAndBadArgumentsFailQuietly) {
   expect_one_log("while writing to socket");
   uint32_t v = 0;
   EXPECT_EQ(ZTRPC_ReadULong(p.client, &v), -1);
-  EXPECT_EQ(log_.count(), 1u);
+  expect_one_log("socket closed on other end");
 }
 
 TEST_F(Rpc, DatagramsTravelBothWays) {
@@ -330,6 +330,7 @@ TEST_F(Rpc, AbortFromAnotherThreadMTUnblocksReaders) {
   server_aborter.join();
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1400));
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  expect_one_log("accepting connection");
 }
 
 }  // namespace

@@ -145,7 +145,7 @@ TEST_F(Group4, EncoderStopsAtItsCapacity) {
   EXPECT_EQ(CCITG4Compress(enc, p.bits.data(), p.height, 100, dst.data(), 40, &got), -1);
   EXPECT_TRUE(dst.intact());
   EXPECT_EQ(CCITG4Compress(enc, p.bits.data(), 1, 100, dst.data(), 40, &got), -1);
-  expect_log("CCITG4Compress", "close it");
+  expect_one_log("CCITG4Compress", "close it");
   EXPECT_EQ(CCITG4Close(enc, dst.data(), 40, &got), -1);
   EXPECT_TRUE(dst.intact());
   // The end alone needs 3 bytes plus what is pending.
@@ -173,11 +173,11 @@ TEST_F(Group4, DecoderRefusesBadStreams) {
   Bytes stream = encode(p);
   stream.resize(stream.size() - 12);
   EXPECT_EQ(feed(stream, 300, p.height), std::make_pair(0, -1));
-  expect_log("CCITG4DecompressClose", "Group 4 data end after");
+  expect_one_log("CCITG4DecompressClose", "Group 4 data end after");
 
   // EOFB after 9 rows of a page of 12.
   EXPECT_EQ(feed(encode(p), 300, 12), std::make_pair(-1, -1));
-  expect_log("CCITG4DeCompress", "Group 4 data end after 9 of 12 rows");
+  expect_one_log("CCITG4DeCompress", "Group 4 data end after 9 of 12 rows");
 
   struct Case {
     Bytes stream;
@@ -194,13 +194,13 @@ TEST_F(Group4, DecoderRefusesBadStreams) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.message);
     EXPECT_EQ(feed(c.stream, 8, 4), std::make_pair(-1, -1));
-    expect_log("CCITG4DeCompress", c.message);
+    expect_one_log("CCITG4DeCompress", c.message);
   }
 
   EXPECT_EQ(CCITG4DecompressCreate(0, 5), nullptr);
-  expect_log("CCITG4DecompressCreate", "0 x 5");
+  expect_one_log("CCITG4DecompressCreate", "0 x 5");
   EXPECT_EQ(CCITG4Create(0), nullptr);
-  expect_log("CCITG4Create", "0 pixels");
+  expect_one_log("CCITG4Create", "0 pixels");
   EXPECT_EQ(CCITG4DecompressClose(nullptr), 0);
 }
 

@@ -16,31 +16,7 @@
 
 namespace zt::test {
 
-// The library up in a scratch directory with a log capture. A test that
-// provokes log lines checks them with expect_log() (which clears them); any
-// line left at the end fails the test.
-class CodecTest : public ::testing::Test {
- protected:
-  void TearDown() override {
-    for (const auto &line : log_.lines())
-      ADD_FAILURE() << "unexpected log line: " << line.module << ":" << line.function << " " << line.message;
-  }
-  // Exactly one line was logged, from `function`, containing `text`.
-  void expect_log(const std::string &function, const std::string &text) {
-    const auto lines = log_.lines();
-    EXPECT_EQ(lines.size(), 1u);
-    if (!lines.empty()) {
-      EXPECT_EQ(lines[0].function, function);
-      EXPECT_NE(lines[0].message.find(text), std::string::npos) << lines[0].message;
-    }
-    log_.clear();
-  }
-
-  TempDir dir_;
-  ChdirGuard cwd_{dir_.path()};
-  LibraryScope library_;
-  LogCapture log_;
-};
+using CodecTest = LibraryTest;
 
 enum class Kind { kFlat, kRandom, kGradient, kScreened };
 

@@ -127,10 +127,10 @@ TEST_F(PackBits, DecoderRefusesBadStreams) {
   Bytes out(64);
   const Bytes cut_literal = {0x05, 'a', 'b'};
   EXPECT_EQ(ZTPackbits_DeCompress(cut_literal.data(), out.data(), 3, 64, &n), -1);
-  expect_log("ZTPackbits_DeCompress", "cut short in a literal");
+  expect_one_log("ZTPackbits_DeCompress", "cut short in a literal");
   const Bytes cut_run = {0x00, 'a', 0xFE};
   EXPECT_EQ(ZTPackbits_DeCompress(cut_run.data(), out.data(), 3, 64, &n), -1);
-  expect_log("ZTPackbits_DeCompress", "cut short in a run");
+  expect_one_log("ZTPackbits_DeCompress", "cut short in a run");
 
   // One byte short of the decoded size, for a literal and for a run.
   for (const Bytes &in : {zt::test::make_block(Kind::kRandom, 300), repeat(300, 9)}) {
@@ -139,14 +139,14 @@ TEST_F(PackBits, DecoderRefusesBadStreams) {
     EXPECT_EQ(ZTPackbits_DeCompress(stream.data(), dst.data(), static_cast<uint32_t>(stream.size()), 299, &n),
               -1);
     EXPECT_TRUE(dst.intact());
-    expect_log("ZTPackbits_DeCompress", "does not fit in 299 bytes");
+    expect_one_log("ZTPackbits_DeCompress", "does not fit in 299 bytes");
   }
 
   // -128 is skipped, as TIFF readers do.
   const Bytes noop = {0x80, 0x00, 'a', 0x80};
   EXPECT_EQ(decode(noop, 8), Bytes{'a'});
   EXPECT_EQ(ZTPackbits_DeCompress(nullptr, out.data(), 4, 64, &n), -1);
-  expect_log("ZTPackbits_DeCompress", "NULL");
+  expect_one_log("ZTPackbits_DeCompress", "NULL");
 }
 
 #ifdef ZT_HAVE_TIFF

@@ -527,10 +527,15 @@ TEST(ResamplePullTest, AFailedReadStopsTheContext) {
   CtxPtr ctx = make(feed, 10, 10, 8, ZT_FILTER_HERMITE);
   ASSERT_TRUE(ctx);
   BufPtr line(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 8, 1, 0, 10, 1, 0));
+  LogCapture log;
   uint32_t y = 0;
   while (y < 10 && resampleGetNextScanline(ctx.get(), line.get()) == 0) ++y;
   EXPECT_LT(y, 4u + 1) << "a line needing input line 4 was delivered";
-  for (int again = 0; again < 3; ++again) EXPECT_EQ(resampleGetNextScanline(ctx.get(), line.get()), -1);
+  log.expect_one("Error reading scanline 4");
+  for (int again = 0; again < 3; ++again) {
+    EXPECT_EQ(resampleGetNextScanline(ctx.get(), line.get()), -1);
+    log.expect_one("Resampling stopped after an earlier error");
+  }
 }
 
 TEST(ResampleInitTest, RefusesBadGeometryDepthTypeAndReduction) {
@@ -580,7 +585,13 @@ TEST(ResampleCacheTest, SameGeometrySharesAndEachOfTheNineNumbersSeparates) {
   Feed fa(&in), fb(&in);
   CtxPtr a = make(fa, 23, 29, 8, ZT_FILTER_BSPLINE);
   ASSERT_TRUE(a);
-  resampleFilteredAddToCache(a.get());  // entered already, or now
+  {
+    // A context's weights are cached as it is made, so adding it again is
+    // refused with its message.
+    LogCapture log;
+    EXPECT_EQ(resampleFilteredAddToCache(a.get()), -1);
+    log.expect_one("Weights of this context are cached already");
+  }
   CtxPtr b = make(fb, 23, 29, 8, ZT_FILTER_BSPLINE);
   ASSERT_TRUE(b);
   EXPECT_EQ(resampleFilteredInitFromCache(b.get()), 0);
@@ -589,7 +600,11 @@ TEST(ResampleCacheTest, SameGeometrySharesAndEachOfTheNineNumbersSeparates) {
   EXPECT_TRUE(Near(pull(b.get()), want, 1));
   // b on a private copy now: its key is taken, by a, which still holds the entry.
   EXPECT_EQ(resampleFilteredCacheRemoveReference(b.get()), 0);
-  EXPECT_EQ(resampleFilteredAddToCache(b.get()), -1);
+  {
+    LogCapture log;
+    EXPECT_EQ(resampleFilteredAddToCache(b.get()), -1);
+    log.expect_one("Cannot cache weights under");
+  }
   EXPECT_EQ(resampleFilteredInitFromCache(b.get()), 0);
   // One number changed at a time while `a` holds its entry: weights borrowed
   // from it would be wrong, or out of bounds, for every one of them.

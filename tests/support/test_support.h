@@ -3,6 +3,8 @@
 
 #include <zt/log.h>
 
+#include <gtest/gtest.h>
+
 #include <mutex>
 #include <string>
 #include <vector>
@@ -35,22 +37,26 @@ class ChdirGuard {
   std::string old_;
 };
 
-// ZT_InitSubSystems for the guard's lifetime.
+// ZT_InitSubSystems for the guard's lifetime. While it lives, the log trap
+// watches the log: a record that no LogCapture claims fails the running test.
 class LibraryScope {
  public:
   LibraryScope();
   ~LibraryScope();
   LibraryScope(const LibraryScope &) = delete;
   LibraryScope &operator=(const LibraryScope &) = delete;
+
+ private:
+  int32_t trap_id_ = -1;
 };
 
 struct LogLine {
   std::string module, function, message;
 };
 
-// Collects every logged message through a log client while it lives (the log
-// must be initialised). Tests use it to check that exactly the expected lines
-// were logged, and none when none were expected.
+// Claims every record logged while it lives (in any thread), so the log trap
+// lets them pass; the test then says which records it expected. The log must
+// be initialised.
 class LogCapture {
  public:
   LogCapture();
@@ -62,6 +68,10 @@ class LogCapture {
   // True when some line's message contains `text`.
   bool contains(const std::string &text) const;
   void clear();
+  // Exactly one record since the last check, holding `text` (and from
+  // `function` when one is named); the records are then forgotten.
+  void expect_one(const std::string &text, const std::string &function = {});
+  void expect_none();
 
  private:
   static void on_message(void *self, const char *module, const char *function, const char *message,
@@ -70,6 +80,27 @@ class LogCapture {
   std::vector<LogLine> lines_;
   int32_t id_ = -1;
 };
+
+// A test that runs the library in a scratch directory and holds one capture
+// for its whole length: every record must be claimed by expect_one_log (or
+// cleared) before the test ends, or the test fails.
+class LibraryTest : public ::testing::Test {
+ protected:
+  void expect_one_log(const std::string &text) { log_.expect_one(text); }
+  void expect_one_log(const std::string &function, const std::string &text) {
+    log_.expect_one(text, function);
+  }
+  void expect_no_log() { log_.expect_none(); }
+  void TearDown() override { log_.expect_none(); }
+
+  TempDir dir_;
+  ChdirGuard cwd_{dir_.path()};
+  LibraryScope library_;
+  LogCapture log_;
+};
+
+// Installs the log trap's reporter as a test event listener; test_main calls it.
+void install_log_trap();
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);
