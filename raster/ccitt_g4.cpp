@@ -84,8 +84,6 @@ constexpr auto kModeTable = make_mode_table();
 constexpr auto kWhiteRuns = make_run_table(g4::kWhiteTerm, g4::kWhiteMakeup);
 constexpr auto kBlackRuns = make_run_table(g4::kBlackTerm, g4::kBlackMakeup);
 
-constexpr uint32_t kMaxWidth = 1u << 24;
-
 // ---- Rows and their changing elements --------------------------------------
 
 inline uint64_t load_be64(const uint8_t *p) noexcept {
@@ -166,7 +164,7 @@ void set_black(uint8_t *row, int32_t from, int32_t to) noexcept {
 // ---- Encoder ------------------------------------------------------------------
 
 std::unique_ptr<G4Encoder> G4Encoder::create(uint32_t width) noexcept {
-  if (width == 0 || width > kMaxWidth) return nullptr;
+  if (width == 0 || width > kG4MaxWidth) return nullptr;
   std::unique_ptr<G4Encoder> enc(new (std::nothrow) G4Encoder(width));
   if (!enc) return nullptr;
   enc->ref_.reset(new (std::nothrow) int32_t[width + 4]);
@@ -299,7 +297,7 @@ size_t G4Encoder::finish(uint8_t *dst, size_t cap) noexcept {
 // ---- Decoder ------------------------------------------------------------------
 
 std::unique_ptr<G4Decoder> G4Decoder::create(uint32_t width, uint32_t height) noexcept {
-  if (width == 0 || width > kMaxWidth || height == 0) return nullptr;
+  if (width == 0 || width > kG4MaxWidth || height == 0) return nullptr;
   std::unique_ptr<G4Decoder> dec(new (std::nothrow) G4Decoder(width, height));
   if (!dec) return nullptr;
   dec->ref_.reset(new (std::nothrow) int32_t[width + 4]);

@@ -11,6 +11,10 @@
 
 namespace zt::raster {
 
+// The widest row either direction takes: rows past it would make the change
+// lists larger than any page.
+inline constexpr uint32_t kG4MaxWidth = 1u << 24;
+
 constexpr const char *kG4Module = "ccitg4";
 
 class G4Encoder {

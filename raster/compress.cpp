@@ -23,7 +23,7 @@ namespace {
 constexpr int kDeflateLevel = 6;
 
 // Tried in this order; on equal sizes the earlier codec stays.
-constexpr uint32_t kCodecOrder[] = {kFlagLz4, kFlagPackbits, kFlagLzjb, kFlagLzw, kFlagDeflate};
+constexpr uint32_t kCodecOrder[] = {ZT_COMPRESS_LZ4, ZT_COMPRESS_PACKBITS, ZT_COMPRESS_LZJB, ZT_COMPRESS_LZW, ZT_COMPRESS_DEFLATE};
 
 constinit std::atomic<uint32_t> g_default_algorithm{0};
 
@@ -41,7 +41,7 @@ void InflateDeleter::operator()(z_stream_s *zs) const noexcept {
 }
 
 bool check_flags_and_depth(uint32_t flags, uint32_t bits, const char *fn) noexcept {
-  if ((flags & ~kCodecMask) != 0) {
+  if ((flags & ~ZT_COMPRESS_CODEC_MASK) != 0) {
     ZT_LOG(kCompressModule, fn, "Unknown compression mode %d", static_cast<int>(flags));
     return false;
   }
@@ -64,22 +64,22 @@ uint32_t flags_from_vlimg(uint32_t type, bool tile_streaming, const char *fn) no
       flags = 0;
       break;
     case 5:
-      flags = kFlagOn | kFlagLzw;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_LZW;
       break;
     case 7:
-      flags = kFlagOn | kFlagDeflate;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_DEFLATE;
       break;
     case 8:
-      flags = kFlagOn | kFlagPackbits;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_PACKBITS;
       break;
     case 10:
-      flags = kFlagOn | kFlagScratch;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_SCRATCH;
       break;
     case 11:
-      flags = kFlagOn | kFlagLzjb;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_LZJB;
       break;
     case 13:
-      flags = kFlagOn | kFlagLz4;
+      flags = ZT_COMPRESS_ON | ZT_COMPRESS_LZ4;
       break;
     default:
       ZT_LOG(kCompressModule, fn, "Unsupported compression mode %u encountered", type);
@@ -87,7 +87,7 @@ uint32_t flags_from_vlimg(uint32_t type, bool tile_streaming, const char *fn) no
   }
   // Tile streams are cut at arbitrary rows, where a running difference would
   // not restart; PackBits gains nothing from it.
-  if (type != 8 && !tile_streaming) flags |= kFlagDelta;
+  if (type != 8 && !tile_streaming) flags |= ZT_COMPRESS_DELTA;
   return flags;
 }
 
@@ -96,20 +96,20 @@ uint32_t flags_from_vlimg(uint32_t type, bool tile_streaming, const char *fn) no
 std::unique_ptr<BlockCompressor> BlockCompressor::create(uint32_t flags, uint32_t bits,
                                                          const char *fn) noexcept {
   if (!check_flags_and_depth(flags, bits, fn)) return nullptr;
-  if ((flags & kFlagOn) && (flags & kCodecs) == 0) flags |= default_algorithm() & (kCodecs | kFlagDelta);
+  if ((flags & ZT_COMPRESS_ON) && (flags & kCodecs) == 0) flags |= default_algorithm() & (kCodecs | ZT_COMPRESS_DELTA);
   std::unique_ptr<BlockCompressor> c(new (std::nothrow) BlockCompressor(flags, bits));
   if (!c) {
     ZT_LOG(kCompressModule, fn, "Cannot allocate memory");
     return nullptr;
   }
-  if (flags & kFlagLzw) {
+  if (flags & ZT_COMPRESS_LZW) {
     c->lzw_.reset(new (std::nothrow) LzwEncoder);
     if (!c->lzw_) {
       ZT_LOG(kCompressModule, fn, "Cannot allocate lzw compression object");
       return nullptr;
     }
   }
-  if (flags & kFlagDeflate) {
+  if (flags & ZT_COMPRESS_DEFLATE) {
     auto *zs = new (std::nothrow) z_stream{};
     if (zs == nullptr || deflateInit(zs, kDeflateLevel) != Z_OK) {
       delete zs;
@@ -138,25 +138,25 @@ bool BlockCompressor::reserve(std::unique_ptr<uint8_t[]> &buf, size_t &cap, size
 size_t BlockCompressor::run_codec(uint32_t codec, const uint8_t *in, size_t n, uint8_t *out,
                                   size_t limit) noexcept {
   switch (codec) {
-    case kFlagLz4: {
+    case ZT_COMPRESS_LZ4: {
       if (n > LZ4_MAX_INPUT_SIZE) return kFail;
       const int room = limit > INT_MAX ? INT_MAX : static_cast<int>(limit);
       const int r = LZ4_compress_default(reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
                                          static_cast<int>(n), room);
       return r > 0 ? static_cast<size_t>(r) : kFail;
     }
-    case kFlagPackbits:
+    case ZT_COMPRESS_PACKBITS:
       return packbits_encode(in, n, out, limit);
-    case kFlagLzjb:
+    case ZT_COMPRESS_LZJB:
       return lzjb_encode(in, n, out, limit);
-    case kFlagLzw: {
+    case ZT_COMPRESS_LZW: {
       lzw_->reset();
       const size_t body = lzw_->encode(in, n, out, limit);
       if (body == kFail) return kFail;
       const size_t end = lzw_->finish(out + body, limit - body);
       return end == kFail ? kFail : body + end;
     }
-    case kFlagDeflate: {
+    case ZT_COMPRESS_DEFLATE: {
       z_stream *zs = deflate_.get();
       if (deflateReset(zs) != Z_OK) return kFail;
       zs->next_in = const_cast<Bytef *>(in);
@@ -172,15 +172,15 @@ size_t BlockCompressor::run_codec(uint32_t codec, const uint8_t *in, size_t n, u
 
 size_t BlockCompressor::compress(const uint8_t *src, size_t n, uint8_t *dst, size_t cap,
                                  uint32_t *block_flags, bool force_delta, const char *fn) noexcept {
-  *block_flags &= ~kCodecMask;
+  *block_flags &= ~ZT_COMPRESS_CODEC_MASK;
   const uint32_t codecs = flags_ & kCodecs;
   if (n == 0 || codecs == 0) return 0;
 
-  const size_t scratch_need = (flags_ & kFlagScratch) ? n : 2 * n;
+  const size_t scratch_need = (flags_ & ZT_COMPRESS_SCRATCH) ? n : 2 * n;
   if (std::popcount(codecs) > 1 && !reserve(scratch_, scratch_cap_, scratch_need, fn)) return kFail;
 
   const uint8_t *in = src;
-  const bool delta = force_delta || (flags_ & kFlagDelta);
+  const bool delta = force_delta || (flags_ & ZT_COMPRESS_DELTA);
   if (delta) {
     if (!reserve(delta_, delta_cap_, n, fn)) return kFail;
     delta_encode(src, delta_.get(), n, bits_);
@@ -208,7 +208,7 @@ size_t BlockCompressor::compress(const uint8_t *src, size_t n, uint8_t *dst, siz
   }
   if (best_target < 0) return 0;
   if (best_target == 1) std::memcpy(dst, scratch_.get(), best);
-  *block_flags |= winner | kFlagOn | (delta ? kFlagDelta : 0);
+  *block_flags |= winner | ZT_COMPRESS_ON | (delta ? ZT_COMPRESS_DELTA : 0);
   return best;
 }
 
@@ -222,8 +222,8 @@ std::unique_ptr<BlockDecompressor> BlockDecompressor::create(uint32_t flags, uin
     ZT_LOG(kCompressModule, fn, "Cannot allocate memory");
     return nullptr;
   }
-  if ((flags & kFlagLzw) && !d->make_lzw(fn)) return nullptr;
-  if ((flags & kFlagDeflate) && !d->make_inflate(fn)) return nullptr;
+  if ((flags & ZT_COMPRESS_LZW) && !d->make_lzw(fn)) return nullptr;
+  if ((flags & ZT_COMPRESS_DEFLATE) && !d->make_inflate(fn)) return nullptr;
   return d;
 }
 
@@ -249,7 +249,7 @@ bool BlockDecompressor::make_inflate(const char *fn) noexcept {
 size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst, size_t cap,
                                      uint32_t block_flags, const char *fn) noexcept {
   // The scratch bit says nothing about the stream.
-  const uint32_t mode = block_flags & kCodecMask & ~kFlagScratch;
+  const uint32_t mode = block_flags & ZT_COMPRESS_CODEC_MASK & ~ZT_COMPRESS_SCRATCH;
   if (mode == 0) {
     if (n > cap) {
       ZT_LOG(kCompressModule, fn, "Decompressed block does not fit in %zu bytes", cap);
@@ -259,14 +259,14 @@ size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst,
     return n;
   }
   const uint32_t codec = mode & kCodecs;
-  if ((mode & kFlagOn) == 0 || std::popcount(codec) != 1 || (mode & ~(kCodecs | kFlagOn | kFlagDelta)) != 0) {
+  if ((mode & ZT_COMPRESS_ON) == 0 || std::popcount(codec) != 1 || (mode & ~(kCodecs | ZT_COMPRESS_ON | ZT_COMPRESS_DELTA)) != 0) {
     ZT_LOG(kCompressModule, fn, "Unknown compression mode %d", static_cast<int>(block_flags));
     return kFail;
   }
 
   size_t out = kFail;
   switch (codec) {
-    case kFlagLz4: {
+    case ZT_COMPRESS_LZ4: {
       if (n > INT_MAX) {
         ZT_LOG(kCompressModule, fn, "LZ4 block of %zu bytes is too long", n);
         return kFail;
@@ -281,13 +281,13 @@ size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst,
       out = static_cast<size_t>(r);
       break;
     }
-    case kFlagPackbits:
+    case ZT_COMPRESS_PACKBITS:
       out = packbits_decode(src, n, dst, cap, fn);
       break;
-    case kFlagLzjb:
+    case ZT_COMPRESS_LZJB:
       out = lzjb_decode(src, n, dst, cap, fn);
       break;
-    case kFlagLzw: {
+    case ZT_COMPRESS_LZW: {
       if (!make_lzw(fn)) return kFail;
       lzw_->reset();
       out = lzw_->decode(src, n, dst, cap, fn);
@@ -297,7 +297,7 @@ size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst,
       }
       break;
     }
-    case kFlagDeflate: {
+    case ZT_COMPRESS_DEFLATE: {
       if (!make_inflate(fn)) return kFail;
       z_stream *zs = inflate_.get();
       inflateReset(zs);
@@ -322,7 +322,7 @@ size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst,
       break;
   }
   if (out == kFail) return kFail;
-  if (mode & kFlagDelta) delta_decode_in_place(dst, out, bits_);
+  if (mode & ZT_COMPRESS_DELTA) delta_decode_in_place(dst, out, bits_);
   return out;
 }
 

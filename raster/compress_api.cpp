@@ -92,7 +92,7 @@ ZT_API uint32_t ZT_Decompress(ZT_Decompressor *ctx, const uint8_t *src, uint8_t 
 
 ZT_API int32_t setCompressDefaultAlgorithm(uint32_t flags) {
   using namespace zt::raster;
-  if ((flags & ~(kCodecs | kFlagOn | kFlagDelta)) != 0) {
+  if ((flags & ~(kCodecs | ZT_COMPRESS_ON | ZT_COMPRESS_DELTA)) != 0) {
     ZT_LOG(kCompressModule, "setCompressDefaultAlgorithm", "Unknown compression mode %d",
            static_cast<int>(flags));
     return -1;

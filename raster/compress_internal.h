@@ -5,6 +5,8 @@
 // logged).
 #pragma once
 
+#include <zt/compress.h>
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -18,17 +20,7 @@ namespace zt::raster {
 constexpr const char *kCompressModule = "compress";
 constexpr size_t kFail = SIZE_MAX;
 
-// Codec flag bits (the public ZT_COMPRESS_* values).
-constexpr uint32_t kFlagOn = 0x1;
-constexpr uint32_t kFlagPackbits = 0x4;
-constexpr uint32_t kFlagLzw = 0x8;
-constexpr uint32_t kFlagScratch = 0x20;
-constexpr uint32_t kFlagDeflate = 0x40;
-constexpr uint32_t kFlagLzjb = 0x200;
-constexpr uint32_t kFlagLz4 = 0x800;
-constexpr uint32_t kFlagDelta = 0x1000;
-constexpr uint32_t kCodecMask = 0x1A7D;
-constexpr uint32_t kCodecs = kFlagPackbits | kFlagLzw | kFlagDeflate | kFlagLzjb | kFlagLz4;
+constexpr uint32_t kCodecs = ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE | ZT_COMPRESS_LZJB | ZT_COMPRESS_LZ4;
 
 // A big-endian 32-bit value from four bytes anywhere: how the bit readers
 // take their input.

@@ -478,12 +478,10 @@ ZT_API int32_t scanlinebufSetColourspace(ScanlineBuf *rec, int32_t colourSpace) 
            "Attempted to set background colour on a non allocated scanlinebuf");
     return -1;
   }
-  if (colourSpace == 1 || colourSpace == 14) {
-    rec->fill = 255;
-    return scanlinebufSetBackgroundColour(rec, nullptr);
-  }
   if (colourSpace != 4) {
-    rec->fill = 0;
+    // Light-additive spaces (1 and 14) are white at full scale; in the others
+    // a zero sample puts down no ink.
+    rec->fill = (colourSpace == 1 || colourSpace == 14) ? 255 : 0;
     return scanlinebufSetBackgroundColour(rec, nullptr);
   }
   // Lab: the fill is the neutral a and b, the background white (L full).

@@ -65,8 +65,6 @@ void cache_release(Family family, CacheEntry *entry);
 const Weights *cache_weights(const CacheEntry *entry);
 void cache_start();
 void cache_stop();
-// Entries (referenced or not) the cache of `family` holds; for the tests.
-uint32_t cache_size(Family family);
 
 // ---------------------------------------------------------------------------
 // Kernels. Rows are plane rows; columns [x0, x1) of the output are computed.

@@ -324,12 +324,4 @@ void cache_stop() {
   }
 }
 
-uint32_t cache_size(Family family) {
-  Cache &cache = cache_of(family);
-  std::lock_guard<AtomicSpinLock> guard(cache.lock);
-  uint32_t n = 0;
-  for (CacheEntry *e = cache.head; e != nullptr; e = e->next) ++n;
-  return n;
-}
-
 }  // namespace zt::screening

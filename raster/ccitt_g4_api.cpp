@@ -18,17 +18,11 @@ struct ZT_CCITG4Decoder {
   std::unique_ptr<zt::raster::G4Decoder> impl;
 };
 
-namespace {
-
-// Rows past this width would make the change lists larger than any page.
-constexpr uint32_t kMaxWidth = 1u << 24;
-
-}  // namespace
 
 extern "C" {
 
 ZT_API ZT_CCITG4Encoder *CCITG4Create(uint32_t width) {
-  if (width == 0 || width > kMaxWidth) {
+  if (width == 0 || width > zt::raster::kG4MaxWidth) {
     ZT_LOG(kG4Module, "CCITG4Create", "Cannot code rows of %u pixels", width);
     return nullptr;
   }
@@ -77,7 +71,7 @@ ZT_API int32_t CCITG4Close(ZT_CCITG4Encoder *enc, uint8_t *dst, uint32_t capacit
 }
 
 ZT_API ZT_CCITG4Decoder *CCITG4DecompressCreate(uint32_t width, uint32_t height) {
-  if (width == 0 || width > kMaxWidth || height == 0) {
+  if (width == 0 || width > zt::raster::kG4MaxWidth || height == 0) {
     ZT_LOG(kG4Module, "CCITG4DecompressCreate", "Cannot decode an image of %u x %u pixels", width, height);
     return nullptr;
   }
