@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "foundation/checked_size.h"
 #include "foundation/internal.h"
 #include "raster/buf_internal.h"
 #include "raster/row_dither.h"
@@ -35,11 +36,18 @@ bool dither_active(const ScanlineBuf *rec) {
   return (rec->flags & ZT_SLB_DITHER) != 0 && dithering_enabled();
 }
 
-size_t allocation_bytes(const ScanlineBuf *rec, uint32_t flags) {
-  size_t row = rec->bytesPerPlaneRow;
+// The bytes of a buffer's pixel memory, or false when the shape's size does
+// not fit (rows padded for alignment can exceed what the strides hold).
+bool allocation_bytes(const ScanlineBuf *rec, uint32_t flags, size_t *bytes) {
+  uint64_t row = rec->bytesPerPlaneRow;
   if ((flags & ZT_SLB_PAD32) != 0) row += 32;
   if ((flags & ZT_SLB_ALIGNED) != 0) row = (row + 15) / 16 * 16 + 16;
-  return row * rec->channels * rec->lines;
+  // Aligned blocks are rounded up to 16 bytes once more when allocated.
+  size_t total = 0, rounded = 0;
+  if (!zt::checked_product({row, rec->channels, rec->lines}, &total) || !zt::checked_sum(total, 15, &rounded))
+    return false;
+  *bytes = total;
+  return true;
 }
 
 void release_data(ScanlineBuf *rec) {
@@ -391,7 +399,12 @@ ZT_API int32_t scanlinebufSetup(ScanlineBuf *rec, uint32_t interleave, uint32_t 
       return -1;
     }
     release_data(rec);
-    const size_t bytes = allocation_bytes(rec, flags);
+    size_t bytes = 0;
+    if (!allocation_bytes(rec, flags, &bytes)) {
+      ZT_LOG(kModule, "scanlinebufSetup", "Cannot allocate memory for scanlinebuf of %ux%ux%u@%ubpp", width,
+             rec->lines, channels, bitsPerPixel);
+      return -1;
+    }
     void *p = nullptr;
     if ((flags & ZT_SLB_ALIGNED) != 0) {
       p = std::aligned_alloc(16, bytes == 0 ? 16 : (bytes + 15) / 16 * 16);
@@ -406,18 +419,23 @@ ZT_API int32_t scanlinebufSetup(ScanlineBuf *rec, uint32_t interleave, uint32_t 
     rec->data = static_cast<uint8_t *>(p);
     if ((flags & ZT_SLB_FILL) != 0) std::memset(rec->data, static_cast<int>(fill & 0xFFu), bytes);
   } else if ((flags & ZT_SLB_FILL) != 0 && rec->data != nullptr) {
-    std::memset(rec->data, static_cast<int>(fill & 0xFFu), allocation_bytes(rec, flags));
+    size_t bytes = 0;
+    if (!allocation_bytes(rec, flags, &bytes)) {
+      ZT_LOG(kModule, "scanlinebufSetup", "Cannot allocate memory for scanlinebuf of %ux%ux%u@%ubpp", width,
+             rec->lines, channels, bitsPerPixel);
+      return -1;
+    }
+    std::memset(rec->data, static_cast<int>(fill & 0xFFu), bytes);
   }
   rec->flags = flags & ~(ZT_SLB_ZERO | ZT_SLB_ALLOCATE);
 
-  if ((flags & ZT_SLB_DITHER) != 0 && dithering_enabled()) {
-    dither_setup(&rec->dither, ZT_DITHER_NOISE, ZT_DITHER_NOISE_NARROW);
-    if (rec->dither.tableCursor == nullptr) {
-      ZT_LOG(kModule, "scanlinebufSetup", "Cannot setup dither engine");
-      return -1;
-    }
-  } else {
-    dither_setup(&rec->dither, ZT_DITHER_NOISE, ZT_DITHER_NOISE_NARROW);
+  // Every buffer's context points at the narrow table, so that switching the
+  // library-wide flag on later finds it ready; a buffer that asks for
+  // dithering now needs the table to exist.
+  dither_setup(&rec->dither, ZT_DITHER_NOISE, ZT_DITHER_NOISE_NARROW);
+  if ((flags & ZT_SLB_DITHER) != 0 && dithering_enabled() && rec->dither.tableCursor == nullptr) {
+    ZT_LOG(kModule, "scanlinebufSetup", "Cannot setup dither engine");
+    return -1;
   }
   return 0;
 }

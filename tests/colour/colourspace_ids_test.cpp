@@ -40,10 +40,18 @@ TEST_F(ColourSpaceTest, SignaturesBothWays) {
 }
 
 TEST_F(ColourSpaceTest, AdditivityFillAndChannels) {
-  for (int32_t id = -3; id <= 40; ++id) {
-    const bool additive = id == ZT_CS_RGB || id == ZT_CS_GREY;
-    EXPECT_EQ(isAdditiveColourspace(id), additive ? 1 : 0) << id;
-    EXPECT_EQ(fillcharFromColourspace(id), additive ? 255 : id == ZT_CS_LAB ? 128 : 0) << id;
+  // Paper white: full scale in the light-additive spaces, the neutral axis in
+  // Lab, no ink in the subtractive and unknown ones.
+  struct Case {
+    int32_t id;
+    int32_t additive, fill;
+  };
+  const Case cases[] = {{ZT_CS_RGB, 1, 255}, {ZT_CS_GREY, 1, 255}, {ZT_CS_LAB, 0, 128},
+                        {ZT_CS_CMYK, 0, 0},  {ZT_CS_BLACK, 0, 0},  {ZT_CS_CHANNELS11, 0, 0},
+                        {-3, 0, 0},          {40, 0, 0}};
+  for (const Case &c : cases) {
+    EXPECT_EQ(isAdditiveColourspace(c.id), c.additive) << c.id;
+    EXPECT_EQ(fillcharFromColourspace(c.id), c.fill) << c.id;
   }
   for (const char *s : {"RGB ", "GRAY", "CMYK", "3CLR", "Lab "}) {
     EXPECT_EQ(fillcharFromICCColourspace(sig(s)), s[0] == 'R' || s[0] == 'G' ? 255 : 0) << s;

@@ -123,7 +123,9 @@ TEST_F(PacketWire, SocketReadersTimeOutAndRefuseBadPeers) {
   ZTPacketHeader h{};
   auto start = Clock::now();
   EXPECT_EQ(ReadPacketHeaderFromSocket(link.server, &h, 1), 1);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+  // Generous: a loaded machine may be late, but a reader that ignored its
+  // time-out would wait for ever.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
   expect_no_log();
 
   // The seventh character of the magic differs.
@@ -161,7 +163,9 @@ TEST_F(PacketWire, TricklingPeerIsDroppedWithinTheTimeOut) {
   ZTPacketHeader h{};
   auto start = Clock::now();
   EXPECT_EQ(ReadPacketHeaderFromSocket(link.server, &h, 1), -1);
-  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(2500));
+  // The whole header takes the trickler about 9 s; a time-out per byte would
+  // wait that long, one for the whole header ends near 1 s.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(6));
   stop = true;
   trickler.join();
   expect_one_log("Timeout waiting for packet header");

@@ -117,7 +117,7 @@ TEST_F(Rpc, ReadersCheckTypeAndStayInStep) {
   ZTRPC_SetTimeout(p.conn, 1);
   auto start = Clock::now();
   EXPECT_EQ(ZTRPC_ReadLong(p.conn, &l), -1);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
   expect_one_log("Timeout after 1 seconds reading from socket");
 }
 
@@ -317,8 +317,13 @@ TEST_F(Rpc, AbortFromAnotherThreadMTUnblocksReaders) {
   auto start = Clock::now();
   EXPECT_EQ(ZTRPC_ReadULong(p.conn, &v), -1);
   aborter.join();
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  // Against the 30 s time-out: only the abort can have ended the read.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(15));
   EXPECT_EQ(p.conn->abort_flag, -1);
+  // The abort shuts the socket down under the reader; when the reader sees the
+  // shutdown before the flag, it reports a closed peer. Either way it ends.
+  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "socket closed on other end ?");
+  log_.clear();
   // A server waiting for a connection is released the same way; a wait of 0
   // seconds means 120, so it is still waiting when the abort comes.
   std::thread server_aborter([&] {
@@ -329,7 +334,7 @@ TEST_F(Rpc, AbortFromAnotherThreadMTUnblocksReaders) {
   EXPECT_EQ(ZTRPC_WaitForConnection(p.server, 0), nullptr);
   server_aborter.join();
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1400));
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(60));
   expect_one_log("accepting connection");
 }
 

@@ -192,26 +192,48 @@ TEST_F(Compress, DeltaCompressForcesTheFilter) {
   EXPECT_EQ(decompress(d.get(), b.data, b.flags, 50000), in);
 }
 
-TEST_F(Compress, VlimgCompressionTypes) {
+// A page file's compression type picks its codec: a block compressed under
+// each type's flags names that codec and decodes; the delta filter comes with
+// every type but plain PackBits unless the caller turns it off; both entry
+// points agree; other types are refused.
+TEST_F(Compress, VlimgCompressionTypesPickTheirCodec) {
   struct Case {
-    uint32_t type, flags;
+    uint32_t type, codec;
   };
-  const Case cases[] = {{1, 0x0}, {5, 9}, {7, 65}, {8, 5}, {10, 33}, {11, 513}, {13, 2049}};
+  const Case cases[] = {{1, 0},
+                        {5, ZT_COMPRESS_LZW},
+                        {7, ZT_COMPRESS_DEFLATE},
+                        {8, ZT_COMPRESS_PACKBITS},
+                        {10, 0},
+                        {11, ZT_COMPRESS_LZJB},
+                        {13, ZT_COMPRESS_LZ4}};
+  const Bytes in = zt::test::make_block(Kind::kGradient, 30000);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.type);
-    const uint32_t delta = c.type == 8 ? 0 : ZT_COMPRESS_DELTA;
-    EXPECT_EQ(ZT_CompressFlagsFromVLIMG(c.type, 0), c.flags | delta);
-    EXPECT_EQ(ZT_ImageBufFlagsFromVLIMG(c.type, 0), c.flags | delta);
-    EXPECT_EQ(ZT_CompressFlagsFromVLIMG(c.type, 1), c.flags);
-    EXPECT_EQ(ZT_ImageBufFlagsFromVLIMG(c.type, 1), c.flags);
+    for (uint32_t no_delta : {0u, 1u}) {
+      const uint32_t flags = ZT_CompressFlagsFromVLIMG(c.type, no_delta);
+      EXPECT_EQ(ZT_ImageBufFlagsFromVLIMG(c.type, no_delta), flags);
+      EXPECT_EQ((flags & ZT_COMPRESS_DELTA) != 0, no_delta == 0 && c.type != 8);
+      Compressor comp(ZT_CompressInit(flags, 8));
+      ASSERT_NE(comp, nullptr);
+      const Block b = compress(comp.get(), in);
+      if (c.codec == 0) {
+        EXPECT_EQ(b.size, 0u) << "stored raw";
+        continue;
+      }
+      ASSERT_GT(b.size, 0u);
+      EXPECT_EQ(b.flags & ZT_COMPRESS_CODEC_MASK & ~ZT_COMPRESS_DELTA, c.codec | ZT_COMPRESS_ON);
+      Decompressor d(ZT_DecompressInit(flags, 8));
+      EXPECT_EQ(decompress(d.get(), b.data, b.flags, in.size()), in);
+    }
   }
   for (uint32_t type : {0u, 2u, 3u, 4u, 6u, 9u, 12u, 14u, 1000u}) {
     EXPECT_EQ(ZT_CompressFlagsFromVLIMG(type, 0), 0u);
     expect_one_log("ZT_CompressFlagsFromVLIMG",
-               "Unsupported compression mode " + std::to_string(type) + " encountered");
+                   "Unsupported compression mode " + std::to_string(type) + " encountered");
     EXPECT_EQ(ZT_ImageBufFlagsFromVLIMG(type, 1), 0u);
     expect_one_log("ZT_ImageBufFlagsFromVLIMG",
-               "Unsupported compression mode " + std::to_string(type) + " encountered");
+                   "Unsupported compression mode " + std::to_string(type) + " encountered");
   }
 }
 

@@ -54,17 +54,4 @@ TEST(ZtRectTest, IntersectionTouchingDisjointAndInverted) {
   EXPECT_EQ(out.right, 10);
 }
 
-TEST(ZtRectTest, LogMessageText) {
-  zt::test::LibraryScope library;
-  zt::test::LogCapture log;
-  ZT_Rect r;
-  ztrectInit(&r, 1, 2, 3, 4);
-  ztrectLogMessage(&r, "crop");
-  ztrectLogMessage(&r, nullptr);
-  ASSERT_EQ(log.count(), 2u);
-  EXPECT_EQ(log.lines()[0].message, "crop: 1.000000, 2.000000 : 3.000000 x 4.000000");
-  EXPECT_EQ(log.lines()[1].message, "1.000000, 2.000000 : 3.000000 x 4.000000");
-  EXPECT_EQ(log.lines()[0].module, "zt_rect");
-}
-
 }  // namespace

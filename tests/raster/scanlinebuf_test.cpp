@@ -299,3 +299,105 @@ TEST(ScanlinebufTest, MirrorNegativeAndPlainArrays) {
 }
 
 }  // namespace
+
+namespace {
+
+// Shapes whose size does not fit are refused before anything is allocated: a
+// stride past 32 bits, and a whole buffer whose padded rows times channels
+// times lines wraps (2^29 channels of aligned 32-byte rows over 2^30 lines is
+// 2^64 bytes, which wrapped to a 16-byte block that claimed to hold it all).
+TEST(ScanlinebufTest, SizesThatDoNotFitAreRefused) {
+  LibraryScope library;
+  struct Case {
+    uint32_t bits, channels, width, lines, flags;
+    const char *shape;
+  };
+  const Case cases[] = {
+      {16, 1, 0x80000000u, 1, 0, "2147483648x1x1@16bpp"},
+      {8, 4, 0x40000000u, 1, 0, "1073741824x1x4@8bpp"},
+      {8, 1u << 29, 1, 1u << 30, ZT_SLB_ALIGNED, "1x1073741824x536870912@8bpp"},
+      {8, 1u << 16, 0xFFFF, 0xFFFFFFFFu, ZT_SLB_PAD32, "65535x4294967295x65536@8bpp"},
+  };
+  for (const Case &c : cases) {
+    LogCapture log;
+    EXPECT_EQ(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, c.bits, c.channels, 0, c.width, c.lines, c.flags), nullptr);
+    log.expect_one(std::string("Cannot allocate memory for scanlinebuf of ") + c.shape, "scanlinebufSetup");
+  }
+}
+
+// Widths 0 and 1 through every copy path: nothing is touched at 0, the one
+// pixel arrives at 1, across depth and interleave changes.
+TEST(ScanlinebufTest, CopiesAtWidthsZeroAndOne) {
+  LibraryScope library;
+  std::mt19937 rng(11);
+  for (uint32_t sil : {ZT_INTERLEAVE_BY_PIXEL, ZT_INTERLEAVE_BY_LINE}) {
+    for (uint32_t dil : {ZT_INTERLEAVE_BY_PIXEL, ZT_INTERLEAVE_BY_LINE}) {
+      for (uint32_t sbits : {8u, 16u}) {
+        for (uint32_t dbits : {8u, 16u}) {
+          SCOPED_TRACE(::testing::Message() << sil << dil << " " << sbits << "->" << dbits);
+          BufPtr s0 = make(sil, sbits, 3, 0, 2), d0 = make(dil, dbits, 3, 0, 2);
+          ASSERT_TRUE(s0 && d0);
+          EXPECT_EQ(scanlinebufCopy(d0.get(), s0.get()), 0);
+          BufPtr s1 = make(sil, sbits, 3, 1, 2), d1 = make(dil, dbits, 3, 1, 2);
+          ASSERT_TRUE(s1 && d1);
+          randomise(s1.get(), rng);
+          randomise(d1.get(), rng);
+          ASSERT_EQ(scanlinebufCopy(d1.get(), s1.get()), 0);
+          expect_copied(d1.get(), d1.get(), s1.get(), 0, 0, 1, 2, 0, 0);
+        }
+      }
+    }
+  }
+}
+
+// A duplicate has the shape and flags of its original and memory of its own.
+TEST(ScanlinebufTest, DuplicateIsTheSameShapeWithItsOwnMemory) {
+  LibraryScope library;
+  BufPtr a(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 16, 3, 7, 9, 4, ZT_SLB_ALIGNED | ZT_SLB_FILL));
+  ASSERT_TRUE(a);
+  const uint16_t colour[3] = {1, 2, 3};
+  ASSERT_EQ(scanlinebufFillRect(a.get(), 0, 0, 9, 4, colour), 0);
+  BufPtr b(scanlinebufDuplicate(a.get()));
+  ASSERT_TRUE(b);
+  EXPECT_NE(b->data, a->data);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(b->data) % 16, 0u);
+  for (auto field : {&ScanlineBuf::interleave, &ScanlineBuf::bitsPerPixel, &ScanlineBuf::channels,
+                     &ScanlineBuf::fill, &ScanlineBuf::width, &ScanlineBuf::lines, &ScanlineBuf::bytesPerLine,
+                     &ScanlineBuf::flags})
+    EXPECT_EQ((*b).*field, (*a).*field);
+  // Filled anew, not copied: the original's pixels stay its own.
+  EXPECT_EQ(get(b.get(), 3, 8, 2), 0x0707u);
+  ASSERT_EQ(scanlinebufClear(b.get()), 0);
+  EXPECT_EQ(get(a.get(), 3, 8, 2), 3u);
+  EXPECT_EQ(scanlinebufDuplicate(nullptr), nullptr);
+}
+
+// Out to a plain 8-bit array: 16-bit samples by the rounding rule
+// floor(v * 255 / 65535 + 0.5), 1-bit samples to full scale, 8-bit as stored.
+TEST(ScanlinebufTest, CopyTo8bitFromEveryDepth) {
+  LibraryScope library;
+  const uint16_t samples[] = {0, 128, 129, 32767, 32768, 65406, 65407, 65535};
+  BufPtr deep = make(ZT_INTERLEAVE_BY_PIXEL, 16, 1, 8, 1);
+  ASSERT_TRUE(deep);
+  std::memcpy(deep->data, samples, sizeof samples);
+  uint8_t out[8];
+  ASSERT_EQ(scanlinebufCopyTo8bit(deep.get(), out), 0);
+  const uint8_t expect16[] = {0, 0, 1, 127, 128, 254, 255, 255};
+  EXPECT_EQ(std::memcmp(out, expect16, 8), 0);
+
+  BufPtr bits = make(ZT_INTERLEAVE_BY_LINE, 1, 1, 8, 1);
+  ASSERT_TRUE(bits);
+  bits->data[0] = 0xA5;
+  ASSERT_EQ(scanlinebufCopyTo8bit(bits.get(), out), 0);
+  const uint8_t expect1[] = {255, 0, 255, 0, 0, 255, 0, 255};
+  EXPECT_EQ(std::memcmp(out, expect1, 8), 0);
+
+  BufPtr plain = make(ZT_INTERLEAVE_BY_LINE, 8, 2, 4, 1);
+  ASSERT_TRUE(plain);
+  for (uint8_t i = 0; i < 8; ++i) plain->data[i] = static_cast<uint8_t>(i * 31);
+  ASSERT_EQ(scanlinebufCopyTo8bit(plain.get(), out), 0);
+  EXPECT_EQ(std::memcmp(out, plain->data, 8), 0);
+  EXPECT_EQ(scanlinebufCopyTo8bit(nullptr, out), -1);
+}
+
+}  // namespace
