@@ -74,27 +74,53 @@ int read_first_line(const char *path, char *line, size_t limit) {
   return 0;
 }
 
+// The unsigned decimal a sequence file starts with, or false when there is
+// none or it does not fit 32 bits (strtoul would saturate it, and the next
+// number would then wrap to 0 and be written back without a word).
+bool parse_sequence_number(const char *line, uint32_t *out) {
+  const char *p = line;
+  while (*p == ' ' || *p == '\t') ++p;
+  if (*p < '0' || *p > '9') return false;
+  uint64_t value = 0;
+  for (; *p >= '0' && *p <= '9'; ++p) {
+    value = value * 10 + static_cast<uint64_t>(*p - '0');
+    if (value > UINT32_MAX) return false;
+  }
+  *out = static_cast<uint32_t>(value);
+  return true;
+}
+
 uint32_t load_job_number() {
   CString path(ZTMakeRootPath(kJobSequence));
   if (!path) return 1;
   char line[80];
   int status = read_first_line(path.get(), line, sizeof line - 1);
   if (status == -1) return 1;
-  char *end = nullptr;
-  unsigned long value = status == 0 ? std::strtoul(line, &end, 10) : 0;
-  if (status != 0 || end == line) {
+  uint32_t value = 0;
+  if (status != 0 || !parse_sequence_number(line, &value)) {
     ZT_LOG("ztjob", "LoadJobNo", "Could not read next jobid from %s", path.get());
     return 1;
   }
-  return static_cast<uint32_t>(value);
+  return value;
 }
 
 uint32_t load_unique_number() {
   CString path(ZTMakeRootPath(kScratchSequence));
   if (!path) return 1;
   char line[80];
-  if (read_first_line(path.get(), line, 79) != 0) return 1;
-  return static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
+  int status = read_first_line(path.get(), line, 79);
+  if (status == -1) return 1;
+  if (status != 0) return 1;
+  // A first line without digits reads as 0, as an unsigned decimal parse
+  // gives; one too large for 32 bits is refused.
+  const char *p = line + std::strspn(line, " \t");
+  if (*p < '0' || *p > '9') return 0;
+  uint32_t value = 0;
+  if (!parse_sequence_number(line, &value)) {
+    ZT_LOG("files", "LoadUniqueNumber", "Could not read next scratch-file number from %s", path.get());
+    return 1;
+  }
+  return value;
 }
 
 void dump_number(const char *relative, uint32_t value, const char *module, const char *function,

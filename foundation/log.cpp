@@ -20,6 +20,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zt {
@@ -65,13 +66,38 @@ void write_all(int fd, const char *data, size_t size) {
   }
 }
 
+// Opens a log file for `flags` without ever waiting: every thread that logs
+// queues behind the log lock while this runs, so a path that names a FIFO
+// with no reader (open would wait for one) or a device is refused, and only a
+// regular file is used. -1 when there is none to use.
+int open_log_file(const char *path, int flags) {
+  int fd = ::open(path, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0664);
+  if (fd < 0) return -1;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// The same, as a stdio stream for the scans.
+std::FILE *open_log_stream(const char *path, int flags, const char *mode) {
+  if (path == nullptr) return nullptr;
+  int fd = open_log_file(path, flags);
+  if (fd < 0) return nullptr;
+  std::FILE *f = ::fdopen(fd, mode);
+  if (f == nullptr) ::close(fd);
+  return f;
+}
+
 // Caller holds the write lock.
 void flush_locked() {
   if (g_log.buffer == nullptr || g_log.path == nullptr) return;
   size_t size = ZT_MemBufSize(g_log.buffer);
   if (size == 0) return;
   const char *data = static_cast<const char *>(ZT_MemBufPointer(g_log.buffer));
-  int fd = ::open(g_log.path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0664);
+  int fd = open_log_file(g_log.path, O_WRONLY | O_APPEND | O_CREAT);
   if (fd >= 0) {
     write_all(fd, data, size);
     ::close(fd);
@@ -369,8 +395,8 @@ ZT_API int32_t LogErrorTrimLogfile(int64_t max_age_seconds) {
   {
     zt::WriteGuard guard(&g_log.lock);
     zt::flush_locked();
-    std::FILE *in = g_log.path ? std::fopen(g_log.path, "r") : nullptr;
-    std::FILE *out = in ? std::fopen(zt::kTrimmedPath, "w") : nullptr;
+    std::FILE *in = zt::open_log_stream(g_log.path, O_RDONLY, "r");
+    std::FILE *out = in ? zt::open_log_stream(zt::kTrimmedPath, O_WRONLY | O_CREAT | O_TRUNC, "w") : nullptr;
     if (in != nullptr && out != nullptr) {
       zt::log_scan_records(in, max_age_seconds, zt::now_seconds(), zt::trim_sink, out);
       std::fclose(in);
@@ -397,7 +423,7 @@ ZT_API ZTLogBacklog *GetErrorMessagesWithBacklog(int64_t max_age_seconds) {
   }
   zt::Backlog backlog;
   zt::ReadGuard guard(&g_log.lock);
-  std::FILE *in = g_log.path ? std::fopen(g_log.path, "r") : nullptr;
+  std::FILE *in = zt::open_log_stream(g_log.path, O_RDONLY, "r");
   if (in == nullptr) return nullptr;
   zt::log_scan_records(in, max_age_seconds, zt::now_seconds(), zt::backlog_sink, &backlog);
   std::fclose(in);

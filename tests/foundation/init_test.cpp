@@ -142,6 +142,31 @@ TEST_F(SequenceFiles, MissingFilesStartAtOneAndBadOnesAreLogged) {
   EXPECT_EQ(lines[1].function, "DumpUniqueNumber");
 }
 
+// Numbers too large for 32 bits are refused, not saturated: a saturated
+// 4294967295 would hand out 0 next and write it back without a word.
+TEST_F(SequenceFiles, NumbersBeyondThirtyTwoBitsAreRefused) {
+  write_file(root_.file("etc/jobid.seq"), "12345678901234567890123\n");
+  write_file(root_.file("etc/mktmp.seq"), "4294967296\n");
+  LogCapture capture;
+  ZT_InitSubSystems2();
+  EXPECT_EQ(ZTNextJobNumber(), 1u);
+  EXPECT_EQ(ZTNextUniqueNumber(), 1u);
+  auto lines = capture.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].message, "Could not read next jobid from " + root_.path() + "/etc/jobid.seq");
+  EXPECT_EQ(lines[1].function, "LoadUniqueNumber");
+  capture.clear();
+  ZT_DeInitSubSystems2();
+  EXPECT_EQ(read_file(root_.file("etc/jobid.seq")), "2\n");
+
+  // The largest value still fits and is handed out.
+  write_file(root_.file("etc/jobid.seq"), "4294967295\n");
+  ZT_InitSubSystems2();
+  EXPECT_EQ(ZTNextJobNumber(), 4294967295u);
+  ZT_DeInitSubSystems2();
+  EXPECT_EQ(capture.count(), 0u);
+}
+
 TEST_F(SequenceFiles, PageSetupReferenceCache) {
   uint32_t id = 0;
   EXPECT_EQ(addPagesetupRef(1, 1), -1);  // before ZT_InitSubSystems2

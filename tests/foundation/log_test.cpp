@@ -6,11 +6,16 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
+#include <future>
+#include <thread>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -234,6 +239,36 @@ TEST(LogOutsideLibrary, BeforeStartUpGoesToStandardError) {
         std::exit(0);
       },
       ::testing::ExitedWithCode(0), "vlimg:VLIMG_Open line_break");
+}
+
+}  // namespace
+
+namespace {
+
+// A log path that names a FIFO nobody reads: opening it for writing would wait
+// for a reader while every logging thread queues behind the log lock. Flush,
+// trim and backlog must all return; the records go to standard error instead.
+TEST_F(LogTest, AFifoAsTheLogFileNeverBlocks) {
+  const std::string fifo = dir_.file("errors.fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  LogErrorLogtofile(1, fifo.c_str());
+  auto done = std::async(std::launch::async, [] {
+    LogError("m", "f", "to a fifo");
+    LogErrorFlush();
+    EXPECT_EQ(LogErrorTrimLogfile(0), 0);
+    ZTLogFreeBacklog(GetErrorMessagesWithBacklog(0));
+  });
+  if (done.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+    ADD_FAILURE() << "the log waited on a FIFO";
+    // Free whatever waits: an open for both ends releases a stuck open of
+    // either end, and closing it again gives a stuck reader its end of file.
+    while (done.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+      int fd = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  LogErrorLogtofile(1, log_path_.c_str());
 }
 
 }  // namespace
