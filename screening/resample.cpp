@@ -14,6 +14,8 @@
 #include <zt/threads.h>
 
 #include <algorithm>
+#include <cinttypes>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -437,6 +439,15 @@ bool shape_matches(const ResampleContext *c, const ScanlineBuf *sb) {
 // Shared by the resample and scale entry points.
 // ---------------------------------------------------------------------------
 
+// An upper bound of the bytes the weights of one direction take: every output
+// sample's window (the support stretched when shrinking, one tap of slack at
+// each end) stored twice (the vector order) with an index per tap.
+uint64_t weight_bytes_bound(uint32_t in, uint32_t out, double support) {
+  const double stretch = in > out ? static_cast<double>(in) / out : 1.0;
+  const uint64_t taps = static_cast<uint64_t>(std::ceil(2 * support * stretch)) + 2;
+  return taps * out * 16;
+}
+
 ResampleContext *context_create(Family family, const char *function, uint32_t type, uint32_t inWidth,
                                 uint32_t inHeight, uint32_t outWidth, uint32_t outHeight, uint32_t planes,
                                 uint32_t bppIn, uint32_t bppOut, ResampleReadFn readScanline,
@@ -466,12 +477,26 @@ ResampleContext *context_create(Family family, const char *function, uint32_t ty
            outHeight);
     return nullptr;
   }
+  if (planes > ZT_RESAMPLE_MAX_PLANES) {
+    ZT_LOG(module, function, "%u planes are more than the %u a resampler takes", planes, ZT_RESAMPLE_MAX_PLANES);
+    return nullptr;
+  }
   ResampleFilterFn fn = nullptr;
   double support = 0;
   if (resampleFilteredGetFilter(filterId, &fn, &support) != 0) return nullptr;
   if (uint64_t{inWidth} > uint64_t{outWidth} * ZT_RESAMPLE_MAX_REDUCTION ||
       uint64_t{inHeight} > uint64_t{outHeight} * ZT_RESAMPLE_MAX_REDUCTION) {
     ZT_LOG(module, function, "Requested scale factor is beyond algorithm's ability");
+    return nullptr;
+  }
+  // Weights are made for every output column and row before the first line:
+  // a huge enlargement of a tiny image would take gigabytes for nothing a
+  // page needs. The estimate is an upper bound of what the weight tables hold.
+  const uint64_t weight_bytes = weight_bytes_bound(inWidth, outWidth, support) +
+                                weight_bytes_bound(inHeight, outHeight, support);
+  if (weight_bytes > ZT_RESAMPLE_MAX_WEIGHT_BYTES) {
+    ZT_LOG(module, function, "Filter weights for %ux%u to %ux%u would take %" PRIu64 " MiB, more than %u MiB",
+           inWidth, inHeight, outWidth, outHeight, weight_bytes >> 20, ZT_RESAMPLE_MAX_WEIGHT_BYTES >> 20);
     return nullptr;
   }
   return api_guard<ResampleContext *>(module, function, nullptr, [&]() -> ResampleContext * {

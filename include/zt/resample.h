@@ -30,7 +30,9 @@
  *  - The input may be at most ZT_RESAMPLE_MAX_REDUCTION times the output in
  *    either direction: beyond that a window would hold hundreds of taps whose
  *    16-bit weights lose their precision ("Requested scale factor is beyond
- *    algorithm's ability"). Enlargement has no limit but memory.
+ *    algorithm's ability"). Enlargement is limited by the memory its
+ *    weights take (ZT_RESAMPLE_MAX_WEIGHT_BYTES), planes by
+ *    ZT_RESAMPLE_MAX_PLANES.
  *
  * Wide lines are split by columns over the default task queue, several output
  * lines at a time; the output does not depend on how the work was split or on
@@ -77,6 +79,13 @@ ZT_EXTERN_C_BEGIN
 
 /* Largest reduction (input over output size) in either direction. */
 #define ZT_RESAMPLE_MAX_REDUCTION 32u
+/* At most this many planes in one context (refused beyond: "%u planes are
+ * more than the %u a resampler takes"). */
+#define ZT_RESAMPLE_MAX_PLANES 64u
+/* A context whose filter weights could take more than this is refused ("Filter
+ * weights for WxH to WxH would take N MiB, more than 512 MiB"): it only
+ * arises from absurd enlargements (a page needs a few megabytes). */
+#define ZT_RESAMPLE_MAX_WEIGHT_BYTES (512u * 1024u * 1024u)
 
 /* A reconstruction filter: the weight at offset x (in output samples). */
 typedef double (*ResampleFilterFn)(double x);

@@ -576,6 +576,12 @@ TEST(ResampleInitTest, RefusesBadGeometryDepthTypeAndReduction) {
       {1, 8, 8, 4, 4, 1, 8, 8, "resampling type 1 has not yet been implemented"},
       {0, 321, 8, 10, 4, 1, 8, 8, "Requested scale factor is beyond algorithm's ability"},
       {0, 8, 33, 4, 1, 1, 8, 8, "Requested scale factor is beyond algorithm's ability"},
+      // A stretch of one pixel to fifty million would have built gigabytes of
+      // weights; so many planes are no page.
+      {0, 1, 1, 50000000, 1, 1, 8, 8, "Filter weights for 1x1 to 50000000x1 would take"},
+      {0, 1, 1, 1, 50000000, 1, 8, 8, "more than 512 MiB"},
+      {0, 8, 8, 4, 4, 1u << 20, 8, 8, "1048576 planes are more than the 64 a resampler takes"},
+      {0, 8, 8, 4, 4, 65, 8, 8, "65 planes are more than the 64"},
   };
   Feed feed;
   for (const Case &k : cases) {
@@ -588,11 +594,16 @@ TEST(ResampleInitTest, RefusesBadGeometryDepthTypeAndReduction) {
     ASSERT_EQ(log.count(), 1u) << k.message;
     EXPECT_EQ(log.lines()[0].module, "resample");
   }
-  // Exactly the largest reduction, both ways; enlargement has no such bound.
+  // Exactly the largest reduction, both ways; enlargement by any factor a
+  // page needs, and the widest plane count.
   const Image wide = noise(320, 32, 1, 8, 9);
   EXPECT_TRUE(Near(run(wide, 10, 1, 8, ZT_FILTER_HERMITE), reference(wide, 10, 1, 8, ZT_FILTER_HERMITE), 1));
   const Image dot = noise(1, 1, 1, 16, 2);
   for (uint16_t v : run(dot, 400, 3, 16, ZT_FILTER_LANCZOS3).px) ASSERT_EQ(v, dot.px[0]);
+  ResampleContext *widest = resampleInit(0, 8, 8, 200000, 4, ZT_RESAMPLE_MAX_PLANES, 8, 8, read_line, nullptr,
+                                         nullptr, &feed);
+  EXPECT_NE(widest, nullptr);
+  resampleFree(widest);
   LogCapture log;
   EXPECT_EQ(ScaleInit(8, 8, 0, 4, 1, 8, 8, read_line, nullptr, &feed), nullptr);
   ASSERT_EQ(log.count(), 1u);
