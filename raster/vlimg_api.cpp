@@ -257,6 +257,7 @@ const uint8_t *RowReader::row(uint32_t y, const char *fn) {
 }
 
 bool RowWriter::put(const uint8_t *row, const char *fn) {
+  if (!f_->header_written && write_header(f_, fn) != 0) return false;
   const Header &h = f_->h;
   if (!h.tiled()) return write_line(f_, row, fn) == 0;
   const size_t line = static_cast<size_t>(line_bytes(h));
