@@ -72,6 +72,9 @@ class FileIo {
   bool skip(uint64_t n);
   // Reads exactly n bytes at `offset` without touching the buffer.
   bool pread_at(void *dst, size_t n, uint64_t offset);
+  // Reads `rows` rows of `row_bytes` stored back to back at `offset` into
+  // rows `stride` bytes apart.
+  bool pread_rows(uint8_t *dst, size_t row_bytes, size_t rows, size_t stride, uint64_t offset);
 
   // Writing: appends at the position through the buffer; a failing write
   // sets the error state, and the operation reports it.

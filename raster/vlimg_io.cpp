@@ -119,6 +119,27 @@ bool FileIo::pread_at(void *dst, size_t n, uint64_t offset) {
   return true;
 }
 
+bool FileIo::pread_rows(uint8_t *dst, size_t row_bytes, size_t rows, size_t stride, uint64_t offset) {
+  iovec iov[512];
+  while (rows > 0) {
+    const size_t batch = std::min<size_t>(rows, 512);
+    for (size_t i = 0; i < batch; ++i) {
+      iov[i].iov_base = dst + i * stride;
+      iov[i].iov_len = row_bytes;
+    }
+    const ssize_t r = ::preadv(fd_, iov, static_cast<int>(batch), static_cast<off_t>(offset));
+    if (r < 0 || static_cast<size_t>(r) != batch * row_bytes) {
+      // A short gather read is finished row by row.
+      for (size_t i = 0; i < batch; ++i)
+        if (!pread_at(dst + i * stride, row_bytes, offset + i * row_bytes)) return false;
+    }
+    offset += batch * row_bytes;
+    dst += batch * stride;
+    rows -= batch;
+  }
+  return true;
+}
+
 bool FileIo::write_direct(const void *src, size_t n, uint64_t offset) {
   const auto *in = static_cast<const uint8_t *>(src);
   while (n > 0) {

@@ -85,7 +85,8 @@ bool prepare_codec(VLIMG_File *f, const char *fn) {
     c.flags = ZT_CompressFlagsFromVLIMG(c.compression, 0);
     if (c.flags == 0) return false;
   }
-  const uint32_t n = h.tiled() && f->threads > 1 ? f->threads * 2 : 1;
+  // Several tiles per worker and batch keep the hand-overs few.
+  const uint32_t n = h.tiled() && f->threads > 1 ? f->threads * 4 : 1;
   f->slots.clear();
   f->pending = 0;
   for (uint32_t i = 0; i < n; ++i) {
@@ -206,9 +207,13 @@ bool decode_block(const Codec &c, Slot &s, const uint8_t *stored, uint32_t store
 
 namespace {
 
+// The slots of one batch are shared out as workers ask for them, so a worker
+// that starts late (the machine is busy) leaves its share to the others
+// instead of holding everyone up.
 struct Batch {
   VLIMG_File *file;
-  uint32_t first, step, count;
+  std::atomic<uint32_t> *next;
+  uint32_t count;
   bool decode;
 };
 
@@ -239,7 +244,8 @@ void code_slot(VLIMG_File *f, Slot &s, bool decode) {
 
 void run_batch(void *arg) {
   auto *b = static_cast<Batch *>(arg);
-  for (uint32_t i = b->first; i < b->count; i += b->step) code_slot(b->file, *b->file->slots[i], b->decode);
+  for (uint32_t i = b->next->fetch_add(1); i < b->count; i = b->next->fetch_add(1))
+    code_slot(b->file, *b->file->slots[i], b->decode);
 }
 
 // Codes the first `count` slots: the caller takes one share, the task queue
@@ -247,24 +253,17 @@ void run_batch(void *arg) {
 void code_slots(VLIMG_File *f, uint32_t count, bool decode) {
   const uint32_t workers = std::min(f->threads, count);
   ZT_TaskQueue *queue = tile_queue();
-  std::vector<Batch> batches(workers);
-  for (uint32_t i = 0; i < workers; ++i) batches[i] = Batch{f, i, workers, count, decode};
-  if (workers < 2 || queue == nullptr) {
-    Batch all{f, 0, 1, count, decode};
-    run_batch(&all);
-    return;
-  }
+  std::atomic<uint32_t> next{0};
+  Batch batch{f, &next, count, decode};
   ZT_TaskCompletion done;
-  if (pthread_taskq_completion_init(&done) != 0) {
-    Batch all{f, 0, 1, count, decode};
-    run_batch(&all);
+  if (workers < 2 || queue == nullptr || pthread_taskq_completion_init(&done) != 0) {
+    run_batch(&batch);
     return;
   }
-  pthread_taskq_enqueue_multiple(queue, &done, workers - 1, run_batch, &batches[1], sizeof(Batch));
-  run_batch(&batches[0]);
+  // Whatever could not be queued is picked up by the caller's own share.
+  pthread_taskq_enqueue_multiple(queue, &done, workers - 1, run_batch, &batch, 0);
+  run_batch(&batch);
   pthread_taskq_completion_wait(&done);
-  // Shares that could not be queued are done here.
-  for (uint32_t i = done.submitted + 1; i < workers; ++i) run_batch(&batches[i]);
   pthread_taskq_completion_destroy(&done);
 }
 
@@ -384,8 +383,7 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
         if (strides[i] == row) {
           ok = f->io.pread_at(dsts[i], e.size, e.offset);
         } else {
-          for (uint32_t r = 0; ok && r < hh; ++r)
-            ok = f->io.pread_at(dsts[i] + size_t{r} * strides[i], row, e.offset + uint64_t{r} * row);
+          ok = f->io.pread_rows(dsts[i], row, hh, strides[i], e.offset);
         }
         if (!ok) {
           ZT_LOG(kModule, fn, "Cannot read tile %u", index);
