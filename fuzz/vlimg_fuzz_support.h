@@ -14,7 +14,8 @@ namespace zt::fuzz {
 inline const std::string &vlimg_input_path() {
   static const std::string path = [] {
     const char *dir = std::getenv("TMPDIR");
-    return std::string(dir != nullptr ? dir : "/tmp") + "/zt_vlimg_fuzz_" + std::to_string(::getpid()) + ".vlimg";
+    return std::string(dir != nullptr ? dir : "/tmp") + "/zt_vlimg_fuzz_" + std::to_string(::getpid()) +
+           ".vlimg";
   }();
   return path;
 }

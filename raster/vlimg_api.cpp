@@ -17,7 +17,9 @@ namespace zt::raster::vlimg {
 
 namespace {
 
-bool is_reader(const VLIMG_File *f) { return f->mode == VLIMG_MODE_READ || f->mode == VLIMG_MODE_READ_GROWING; }
+bool is_reader(const VLIMG_File *f) {
+  return f->mode == VLIMG_MODE_READ || f->mode == VLIMG_MODE_READ_GROWING;
+}
 
 // Follows the chain from `start` to the page whose tag 32 says 0; false
 // (logged) on a loop or a damaged page.
@@ -29,7 +31,8 @@ bool last_page(VLIMG_File *f, PageLink *last, const char *fn) {
     if (last->next == 0 || last->next == kNoNextPage) return true;
     seen.insert(at);
     if (seen.count(last->next) != 0) {
-      ZT_LOG(kModule, fn, "The page chain loops back to offset %llu", static_cast<unsigned long long>(last->next));
+      ZT_LOG(kModule, fn, "The page chain loops back to offset %llu",
+             static_cast<unsigned long long>(last->next));
       return false;
     }
     at = last->next;
@@ -95,7 +98,8 @@ VLIMG_File *open_file(const char *name, int32_t mode, const char *fn) {
   return f.release();
 }
 
-VLIMG_File *open_page_writer(const std::string &name, uint64_t link_pos, uint64_t next_value, const char *fn) {
+VLIMG_File *open_page_writer(const std::string &name, uint64_t link_pos, uint64_t next_value,
+                             const char *fn) {
   auto f = std::make_unique<VLIMG_File>();
   f->name = name;
   f->mode = VLIMG_MODE_APPEND;
@@ -325,7 +329,8 @@ bool sb_matches(const VLIMG_File *f, const ScanlineBuf *sb, const char *fn) {
   const Header &h = f->h;
   bool ok = sb != nullptr && sb->data != nullptr && sb->width == h.width && sb->channels == h.planes;
   for (uint32_t b : h.bpp) ok = ok && b == sb->bitsPerPixel;
-  if (ok && sb->interleave == ZT_INTERLEAVE_BY_PIXEL && sb->bitsPerPixel == 1 && sb->channels != 1) ok = false;
+  if (ok && sb->interleave == ZT_INTERLEAVE_BY_PIXEL && sb->bitsPerPixel == 1 && sb->channels != 1)
+    ok = false;
   if (!ok) ZT_LOG(kModule, fn, "Scanline buffer does not match the page's width, planes and depth");
   return ok;
 }
@@ -477,8 +482,8 @@ ZT_API int32_t VLIMG_GetField(VLIMG_File *file, uint32_t tag, void *out) {
     }
     const Header &h = file->h;
     const bool has_default = tag == 8 || tag == 11;
-    if (tag > VLIMG_TAG_LAST || (!h.has(tag) && !has_default && !(tag == 10 && h.has(9)) &&
-                                 !(tag == 30 && file->header_ok))) {
+    if (tag > VLIMG_TAG_LAST ||
+        (!h.has(tag) && !has_default && !(tag == 10 && h.has(9)) && !(tag == 30 && file->header_ok))) {
       ZT_LOG(kModule, fn, "Tag %u is not set", tag);
       return -1;
     }
@@ -487,34 +492,74 @@ ZT_API int32_t VLIMG_GetField(VLIMG_File *file, uint32_t tag, void *out) {
       return 0;
     };
     switch (tag) {
-      case 1: return u32(h.width);
-      case 2: return u32(h.height);
-      case 3: return u32(h.compression);
-      case 5: return u32(h.image_type);
-      case 6: *static_cast<float *>(out) = h.xres; return 0;
-      case 7: *static_cast<float *>(out) = h.yres; return 0;
-      case 8: return u32(h.res_unit);
-      case 9: return u32(h.colourspace);
-      case 10: *static_cast<double *>(out) = h.colourspace; return 0;
-      case 11: return u32(h.orientation);
-      case 14: *static_cast<double *>(out) = h.version; return 0;
-      case 15: *static_cast<const char **>(out) = h.description.c_str(); return 0;
-      case 17: *static_cast<const char **>(out) = h.software.c_str(); return 0;
+      case 1:
+        return u32(h.width);
+      case 2:
+        return u32(h.height);
+      case 3:
+        return u32(h.compression);
+      case 5:
+        return u32(h.image_type);
+      case 6:
+        *static_cast<float *>(out) = h.xres;
+        return 0;
+      case 7:
+        *static_cast<float *>(out) = h.yres;
+        return 0;
+      case 8:
+        return u32(h.res_unit);
+      case 9:
+        return u32(h.colourspace);
+      case 10:
+        *static_cast<double *>(out) = h.colourspace;
+        return 0;
+      case 11:
+        return u32(h.orientation);
+      case 14:
+        *static_cast<double *>(out) = h.version;
+        return 0;
+      case 15:
+        *static_cast<const char **>(out) = h.description.c_str();
+        return 0;
+      case 17:
+        *static_cast<const char **>(out) = h.software.c_str();
+        return 0;
       case 19:
-      case 20: std::copy(h.bpp.begin(), h.bpp.end(), static_cast<uint32_t *>(out)); return 0;
-      case 21: *static_cast<const char **>(out) = h.sepnames.c_str(); return 0;
-      case 22: return u32(h.numseps);
-      case 23: return u32(h.tile_width);
-      case 24: return u32(h.tile_height);
-      case 25: std::copy(h.tiles.begin(), h.tiles.end(), static_cast<VLIMG_TileEntry *>(out)); return 0;
-      case 26: get_blob(h.icc, out); return 0;
-      case 27: return u32(h.tile_flags);
-      case 28: get_blob(h.blob1, out); return 0;
-      case 29: get_blob(h.blob2, out); return 0;
-      case 30: return u32(h.mipmap_level);
-      case 31: return u32(h.new_file);
-      case 32: *static_cast<uint64_t *>(out) = h.next_page; return 0;
-      case 33: return u32(h.page_number);
+      case 20:
+        std::copy(h.bpp.begin(), h.bpp.end(), static_cast<uint32_t *>(out));
+        return 0;
+      case 21:
+        *static_cast<const char **>(out) = h.sepnames.c_str();
+        return 0;
+      case 22:
+        return u32(h.numseps);
+      case 23:
+        return u32(h.tile_width);
+      case 24:
+        return u32(h.tile_height);
+      case 25:
+        std::copy(h.tiles.begin(), h.tiles.end(), static_cast<VLIMG_TileEntry *>(out));
+        return 0;
+      case 26:
+        get_blob(h.icc, out);
+        return 0;
+      case 27:
+        return u32(h.tile_flags);
+      case 28:
+        get_blob(h.blob1, out);
+        return 0;
+      case 29:
+        get_blob(h.blob2, out);
+        return 0;
+      case 30:
+        return u32(h.mipmap_level);
+      case 31:
+        return u32(h.new_file);
+      case 32:
+        *static_cast<uint64_t *>(out) = h.next_page;
+        return 0;
+      case 33:
+        return u32(h.page_number);
       default:
         ZT_LOG(kModule, fn, "Tag %u is not set", tag);
         return -1;
@@ -542,8 +587,12 @@ ZT_API int32_t VLIMG_SetField(VLIMG_File *file, uint32_t tag, const void *value)
     const uint32_t v = *static_cast<const uint32_t *>(value);
     bool ok = true;
     switch (tag) {
-      case 1: h.width = v; break;
-      case 2: h.height = v; break;
+      case 1:
+        h.width = v;
+        break;
+      case 2:
+        h.height = v;
+        break;
       case 3:
         if (ZT_CompressFlagsFromVLIMG(v, 0) == 0) return -1;
         h.compression = v;
@@ -555,14 +604,20 @@ ZT_API int32_t VLIMG_SetField(VLIMG_File *file, uint32_t tag, const void *value)
         }
         h.image_type = v;
         break;
-      case 6: h.xres = *static_cast<const float *>(value); break;
-      case 7: h.yres = *static_cast<const float *>(value); break;
+      case 6:
+        h.xres = *static_cast<const float *>(value);
+        break;
+      case 7:
+        h.yres = *static_cast<const float *>(value);
+        break;
       case 8:
       case 11:
         ok = v <= 0xFFFF;
         (tag == 8 ? h.res_unit : h.orientation) = v;
         break;
-      case 9: h.colourspace = v; break;
+      case 9:
+        h.colourspace = v;
+        break;
       case 10: {
         const double d = *static_cast<const double *>(value);
         ok = d >= 0 && d <= UINT32_MAX;
@@ -570,8 +625,12 @@ ZT_API int32_t VLIMG_SetField(VLIMG_File *file, uint32_t tag, const void *value)
         tag = 9;
         break;
       }
-      case 15: ok = set_text(&h.description, value); break;
-      case 17: ok = set_text(&h.software, value); break;
+      case 15:
+        ok = set_text(&h.description, value);
+        break;
+      case 17:
+        ok = set_text(&h.software, value);
+        break;
       case 19:
       case 20: {
         if (!h.has(5)) {
@@ -611,14 +670,30 @@ ZT_API int32_t VLIMG_SetField(VLIMG_File *file, uint32_t tag, const void *value)
         ok = v >= 1 && v <= VLIMG_MAX_PLANES;
         h.numseps = v;
         break;
-      case 23: h.tile_width = v; break;
-      case 24: h.tile_height = v; break;
-      case 26: ok = set_blob(&h.icc, value); break;
-      case 27: h.tile_flags = v; break;
-      case 28: ok = set_blob(&h.blob1, value); break;
-      case 29: ok = set_blob(&h.blob2, value); break;
-      case 30: h.mipmap_level = v; break;
-      case 33: h.page_number = v; break;
+      case 23:
+        h.tile_width = v;
+        break;
+      case 24:
+        h.tile_height = v;
+        break;
+      case 26:
+        ok = set_blob(&h.icc, value);
+        break;
+      case 27:
+        h.tile_flags = v;
+        break;
+      case 28:
+        ok = set_blob(&h.blob1, value);
+        break;
+      case 29:
+        ok = set_blob(&h.blob2, value);
+        break;
+      case 30:
+        h.mipmap_level = v;
+        break;
+      case 33:
+        h.page_number = v;
+        break;
       default:
         ZT_LOG(kModule, fn, "Tag %u cannot be set", tag);
         return -1;
@@ -674,7 +749,8 @@ ZT_API int32_t VLIMG_WriteScanlineSB(VLIMG_File *file, const ScanlineBuf *sb) {
     if (!check_file(file, fn)) return -1;
     if (!file->header_written && file->writing && write_header(file, fn) != 0) return -1;
     if (!sb_matches(file, sb, fn)) return -1;
-    if (sb->interleave == ZT_INTERLEAVE_BY_PIXEL || file->h.planes == 1) return write_line(file, sb->data, fn);
+    if (sb->interleave == ZT_INTERLEAVE_BY_PIXEL || file->h.planes == 1)
+      return write_line(file, sb->data, fn);
     file->line_buf.resize(static_cast<size_t>(line_bytes(file->h)));
     planes_to_pixel(file->h, sb, file->line_buf.data());
     return write_line(file, file->line_buf.data(), fn);
@@ -684,8 +760,8 @@ ZT_API int32_t VLIMG_WriteScanlineSB(VLIMG_File *file, const ScanlineBuf *sb) {
 ZT_API int32_t VLIMG_EnableTiling(VLIMG_File *file, uint32_t tileWidth, uint32_t tileHeight) {
   constexpr const char *fn = "VLIMG_EnableTiling";
   return api_guard<int32_t>(kModule, fn, -1, [&]() -> int32_t {
-    if (file == nullptr || !file->writing || file->header_written || file->wrote_scanlines || tileWidth == 0 ||
-        tileHeight == 0) {
+    if (file == nullptr || !file->writing || file->header_written || file->wrote_scanlines ||
+        tileWidth == 0 || tileHeight == 0) {
       ZT_LOG(kModule, fn, "Cannot enable tiled mode");
       return -1;
     }
@@ -703,7 +779,8 @@ ZT_API uint32_t VLIMG_NumTiles(const VLIMG_File *file) { return file == nullptr 
 
 ZT_API int32_t VLIMG_GetTileSize(const VLIMG_File *file, uint32_t index, uint32_t *width, uint32_t *height) {
   uint32_t x = 0, y = 0;
-  if (file == nullptr || width == nullptr || height == nullptr || !tile_rect(file->h, index, &x, &y, width, height)) {
+  if (file == nullptr || width == nullptr || height == nullptr ||
+      !tile_rect(file->h, index, &x, &y, width, height)) {
     ZT_LOG(kModule, "VLIMG_GetTileSize", "Tile %u does not exist", index);
     return -1;
   }
@@ -724,8 +801,8 @@ ZT_API int32_t VLIMG_ReadTile(VLIMG_File *file, uint32_t index, uint8_t *dst, ui
   });
 }
 
-ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32_t count, uint8_t *const *dsts,
-                               const uint32_t *strides) {
+ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32_t count,
+                               uint8_t *const *dsts, const uint32_t *strides) {
   return api_guard<int32_t>(kModule, "VLIMG_ReadTiles", -1, [&]() -> int32_t {
     if (!check_file(file, "VLIMG_ReadTiles")) return -1;
     return read_tiles(file, indices, count, dsts, strides, "VLIMG_ReadTiles");
@@ -754,8 +831,8 @@ ZT_API int32_t VLIMG_GoToStartOfData(VLIMG_File *file) {
   return 0;
 }
 
-ZT_API int32_t VLIMG_CropFileToFile(const char *source, const char *target, uint32_t page, uint32_t x, uint32_t y,
-                                    uint32_t width, uint32_t height) {
+ZT_API int32_t VLIMG_CropFileToFile(const char *source, const char *target, uint32_t page, uint32_t x,
+                                    uint32_t y, uint32_t width, uint32_t height) {
   constexpr const char *fn = "VLIMG_CropFileToFile";
   return api_guard<int32_t>(kModule, fn, -1, [&]() -> int32_t {
     if (source == nullptr || target == nullptr) {

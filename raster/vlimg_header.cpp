@@ -201,7 +201,8 @@ bool check_tiles(const VLIMG_File *f, const Header &h, uint64_t data_start, cons
       return false;
     }
     const bool raw_type = h.compression == 1;
-    if ((raw_type && e.size != raw) || (!raw_type && (e.size < kBlockHeaderSize || e.size > raw + kBlockHeaderSize))) {
+    if ((raw_type && e.size != raw) ||
+        (!raw_type && (e.size < kBlockHeaderSize || e.size > raw + kBlockHeaderSize))) {
       ZT_LOG(kModule, fn, "Tile %u announces %u bytes, more than it holds", i, e.size);
       return false;
     }
@@ -407,10 +408,11 @@ int32_t read_header(VLIMG_File *f, const char *fn) {
           e.size = get_be32(p + 16);
           e.flags = get_be32(p + 20);
           if (e.width > h.width || e.height > h.height || e.offset < 1) {
-            ZT_LOG(kModule, fn,
-                   "Corrupt tile table encountered at tile %d, tile width = %d, tile height = %d, offset = %lx",
-                   static_cast<int>(i), static_cast<int>(e.width), static_cast<int>(e.height),
-                   static_cast<unsigned long>(e.offset));
+            ZT_LOG(
+                kModule, fn,
+                "Corrupt tile table encountered at tile %d, tile width = %d, tile height = %d, offset = %lx",
+                static_cast<int>(i), static_cast<int>(e.width), static_cast<int>(e.height),
+                static_cast<unsigned long>(e.offset));
             return -1;
           }
         }
@@ -775,7 +777,8 @@ bool find_page(VLIMG_File *f, uint32_t page, uint64_t *offset, const char *fn) {
     }
     seen.insert(at);
     if (seen.count(link.next) != 0) {
-      ZT_LOG(kModule, fn, "The page chain loops back to offset %llu", static_cast<unsigned long long>(link.next));
+      ZT_LOG(kModule, fn, "The page chain loops back to offset %llu",
+             static_cast<unsigned long long>(link.next));
       return false;
     }
     at = link.next;

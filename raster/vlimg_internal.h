@@ -140,10 +140,10 @@ struct Slot {
   std::vector<uint8_t> raw;     // the tile's pixels, contiguous, host order
   std::vector<uint8_t> stored;  // block header + payload as on disk
   std::vector<uint8_t> scratch;
-  uint32_t index = 0;           // tile number
+  uint32_t index = 0;  // tile number
   uint32_t stored_size = 0;
   uint32_t block_flags = 0;
-  uint8_t *dst = nullptr;       // reading: where the tile goes
+  uint8_t *dst = nullptr;  // reading: where the tile goes
   uint32_t dst_stride = 0;
   bool ok = false;
   const char *function = "";
@@ -153,7 +153,7 @@ struct Slot {
 // The coding parameters of a page: what a block is and how it is coded.
 struct Codec {
   uint32_t compression = 1;
-  uint32_t flags = 0;       // compressor flags for the type
+  uint32_t flags = 0;        // compressor flags for the type
   uint32_t sample_bits = 8;  // 16 when every plane is 16-bit
   bool swap16 = false;       // 16-bit samples: big-endian on disk
 };
@@ -176,26 +176,26 @@ struct VLIMG_File {
   bool writing = false;
   zt::raster::vlimg::Header h;
   zt::raster::vlimg::Codec codec;
-  bool header_ok = false;       // reading: the header passed every check
-  uint64_t page_start = 0;      // offset of the current page's prologue
-  uint64_t data_start = 0;      // first byte after tag 16
-  uint64_t next_value_pos = 0;  // where the page's tag 32 value sits (0: none)
-  uint64_t base_page_start = 0; // the page whose mipmaps are being looked at
-  uint32_t line = 0;            // next line to read or write
+  bool header_ok = false;        // reading: the header passed every check
+  uint64_t page_start = 0;       // offset of the current page's prologue
+  uint64_t data_start = 0;       // first byte after tag 16
+  uint64_t next_value_pos = 0;   // where the page's tag 32 value sits (0: none)
+  uint64_t base_page_start = 0;  // the page whose mipmaps are being looked at
+  uint32_t line = 0;             // next line to read or write
   // Writing.
   bool header_written = false;
   bool wrote_scanlines = false;
   bool wrote_tiles = false;
   bool new_file = false;
-  uint64_t table_pos = 0;       // offset of the reserved tile table payload
-  uint64_t link_pos = 0;        // tag 32 value to point at this page on close (0: none)
-  uint64_t next_value = 0;      // what this page's tag 32 says
+  uint64_t table_pos = 0;   // offset of the reserved tile table payload
+  uint64_t link_pos = 0;    // tag 32 value to point at this page on close (0: none)
+  uint64_t next_value = 0;  // what this page's tag 32 says
   std::vector<uint8_t> tile_done;
   uint32_t tiles_done = 0;
   // Coding.
   uint32_t threads = 1;
   std::vector<std::unique_ptr<zt::raster::vlimg::Slot>> slots;
-  uint32_t pending = 0;         // slots holding tiles not yet coded
+  uint32_t pending = 0;  // slots holding tiles not yet coded
   std::vector<uint8_t> line_buf, block_buf;
 };
 

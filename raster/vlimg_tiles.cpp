@@ -30,8 +30,8 @@ void swap16(uint8_t *dst, const uint8_t *src, size_t n) {
   if (n & 1) dst[n - 1] = src[n - 1];
 }
 
-constexpr uint32_t kCodecBits = ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE |
-                                ZT_COMPRESS_LZJB | ZT_COMPRESS_LZ4;
+constexpr uint32_t kCodecBits =
+    ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE | ZT_COMPRESS_LZJB | ZT_COMPRESS_LZ4;
 
 }  // namespace
 
@@ -53,7 +53,9 @@ int32_t setup_threads(uint32_t threads) {
 }
 
 uint64_t line_bytes(const Header &h) { return (uint64_t{h.width} * h.bits_per_pixel + 7) / 8; }
-uint64_t tile_line_bytes(const Header &h, uint32_t width) { return (uint64_t{width} * h.bits_per_pixel + 7) / 8; }
+uint64_t tile_line_bytes(const Header &h, uint32_t width) {
+  return (uint64_t{width} * h.bits_per_pixel + 7) / 8;
+}
 
 uint32_t tile_count(const Header &h) {
   if (!h.tiled()) return 0;
@@ -239,7 +241,8 @@ void code_slot(VLIMG_File *f, Slot &s, bool decode) {
     return;
   }
   if (target != s.dst)
-    for (uint32_t r = 0; r < hh; ++r) std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
+    for (uint32_t r = 0; r < hh; ++r)
+      std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
 }
 
 void run_batch(void *arg) {
@@ -335,7 +338,8 @@ int32_t write_tile(VLIMG_File *f, uint32_t index, const uint8_t *data, uint32_t 
     s.index = index;
     s.function = fn;
     s.raw.resize(size_t{row} * hh);
-    for (uint32_t r = 0; r < hh; ++r) std::memcpy(s.raw.data() + size_t{r} * row, data + size_t{r} * stride, row);
+    for (uint32_t r = 0; r < hh; ++r)
+      std::memcpy(s.raw.data() + size_t{r} * row, data + size_t{r} * stride, row);
     if (f->pending == f->slots.size() && !drain_tiles(f, fn)) return -1;
   }
   f->tile_done[index] = 1;
@@ -372,7 +376,8 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
       }
       const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
       if (dsts[i] == nullptr || strides[i] < row) {
-        ZT_LOG(kModule, fn, "Cannot read tile %u: it needs %u bytes per line, got %u", index, row, strides[i]);
+        ZT_LOG(kModule, fn, "Cannot read tile %u: it needs %u bytes per line, got %u", index, row,
+               strides[i]);
         result = -1;
         continue;
       }

@@ -85,9 +85,9 @@ bool write_level(VLIMG_File *base, uint64_t from, uint32_t level, uint64_t link_
   }
   RowReader rows(src.get());
   Source source{&rows, in.width, in.planes, bits / 8, fn};
-  std::unique_ptr<ResampleContext, ResampleFree> ctx(resampleInit(ZT_RESAMPLE_FILTERED, in.width, in.height, out_w,
-                                                                  out_h, in.planes, bits, bits, read_source_line,
-                                                                  nullptr, nullptr, &source));
+  std::unique_ptr<ResampleContext, ResampleFree> ctx(
+      resampleInit(ZT_RESAMPLE_FILTERED, in.width, in.height, out_w, out_h, in.planes, bits, bits,
+                   read_source_line, nullptr, nullptr, &source));
   std::unique_ptr<ScanlineBuf, BufFree> line(
       scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, bits, in.planes, 0, out_w, 1, 0));
   if (!ctx || !line) return false;
@@ -171,7 +171,8 @@ ZT_API int32_t VLIMG_GenerateMipmapsForFile(const char *name, uint32_t levels) {
         std::unordered_set<uint64_t> seen{file->base_page_start};
         while (at != 0 && at != kNoNextPage) {
           if (!seen.insert(at).second) {
-            ZT_LOG(kModule, fn, "The page chain loops back to offset %llu", static_cast<unsigned long long>(at));
+            ZT_LOG(kModule, fn, "The page chain loops back to offset %llu",
+                   static_cast<unsigned long long>(at));
             return -1;
           }
           if (!scan_page(file.get(), at, &link, fn)) return -1;

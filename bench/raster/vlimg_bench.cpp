@@ -10,6 +10,7 @@
 // 2,048 x 2,048 otherwise. Counters: MB/s of raw page data, and the file's
 // compression ratio. A table after the run sets each case against its peer.
 #include <benchmark/benchmark.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zt/init.h>
 #include <zt/vlimg.h>
@@ -20,7 +21,6 @@
 #include <cstring>
 #include <map>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 #ifdef ZT_HAVE_LZ4
@@ -63,7 +63,8 @@ const Aligned &page() {
           px[2] = static_cast<uint8_t>(uint64_t{x + y} * 255 / (w + h / 3));
           px[3] = 0;
         } else {
-          static const uint8_t kFlats[4][4] = {{0, 0, 0, 0}, {200, 40, 0, 0}, {0, 0, 255, 0}, {20, 20, 20, 0}};
+          static const uint8_t kFlats[4][4] = {
+              {0, 0, 0, 0}, {200, 40, 0, 0}, {0, 0, 255, 0}, {20, 20, 20, 0}};
           std::memcpy(px, kFlats[(x / 512 + y / 256) % 4], 4);
           const uint32_t ly = y % 24, gx = x % 9;
           if (ly >= 4 && ly < 16 && gx < 6 && ((x / 9 * 7 + y / 24 * 3) % 11) != 0 &&
@@ -102,11 +103,13 @@ struct Codec {
   uint32_t vlimg;
   int tiff;  // libtiff compression, -1 for raw LZ4 tiles
 };
-const Codec kCodecs[] = {{"raw", 1, 1}, {"lz4", 13, -1}, {"deflate", 7, 8}, {"packbits", 8, 32773}, {"lzw", 5, 5}};
+const Codec kCodecs[] = {
+    {"raw", 1, 1}, {"lz4", 13, -1}, {"deflate", 7, 8}, {"packbits", 8, 32773}, {"lzw", 5, 5}};
 
 void set_counters(benchmark::State &state, uint64_t file) {
-  state.counters["MB/s"] = benchmark::Counter(static_cast<double>(page_bytes()) * static_cast<double>(state.iterations()) / 1e6,
-                                              benchmark::Counter::kIsRate);
+  state.counters["MB/s"] =
+      benchmark::Counter(static_cast<double>(page_bytes()) * static_cast<double>(state.iterations()) / 1e6,
+                         benchmark::Counter::kIsRate);
   state.counters["ratio"] = file ? static_cast<double>(page_bytes()) / static_cast<double>(file) : 0.0;
 }
 
@@ -116,9 +119,10 @@ bool ours_write(const Codec &c, const std::string &name) {
   VLIMG_File *f = VLIMG_Open(name.c_str(), VLIMG_MODE_CREATE);
   if (f == nullptr) return false;
   const uint32_t type = VLIMG_IMAGETYPE_CMYK;
-  bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &g_side) == 0 && VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &g_side) == 0 &&
-            VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &c.vlimg) == 0 && VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &type) == 0 &&
-            VLIMG_EnableTiling(f, kTile, kTile) == 0;
+  bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &g_side) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &g_side) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &c.vlimg) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &type) == 0 && VLIMG_EnableTiling(f, kTile, kTile) == 0;
   const uint32_t across = (g_side + kTile - 1) / kTile, n = VLIMG_NumTiles(f);
   for (uint32_t i = 0; ok && i < n; ++i) {
     const size_t x = (i % across) * kTile, y = (i / across) * kTile;
@@ -176,7 +180,8 @@ void copy_tile_out(uint8_t *tile, uint32_t i) {
   const uint32_t w = std::min(kTile, g_side - x), h = std::min(kTile, g_side - y);
   if (w < kTile || h < kTile) std::memset(tile, 0, size_t{kTile} * kTile * 4);
   for (uint32_t r = 0; r < h; ++r)
-    std::memcpy(tile + size_t{r} * kTile * 4, page().p + (y + r) * line_bytes() + size_t{x} * 4, size_t{w} * 4);
+    std::memcpy(tile + size_t{r} * kTile * 4, page().p + (y + r) * line_bytes() + size_t{x} * 4,
+                size_t{w} * 4);
 }
 
 void copy_tile_in(const uint8_t *tile, uint32_t i) {
@@ -184,7 +189,8 @@ void copy_tile_in(const uint8_t *tile, uint32_t i) {
   const uint32_t x = (i % across) * kTile, y = (i / across) * kTile;
   const uint32_t w = std::min(kTile, g_side - x), h = std::min(kTile, g_side - y);
   for (uint32_t r = 0; r < h; ++r)
-    std::memcpy(target().p + (y + r) * line_bytes() + size_t{x} * 4, tile + size_t{r} * kTile * 4, size_t{w} * 4);
+    std::memcpy(target().p + (y + r) * line_bytes() + size_t{x} * 4, tile + size_t{r} * kTile * 4,
+                size_t{w} * 4);
 }
 
 bool tiff_write(const Codec &c, const std::string &name) {
@@ -210,8 +216,8 @@ bool tiff_write(const Codec &c, const std::string &name) {
 #ifdef ZT_HAVE_LZ4
       coded.resize(static_cast<size_t>(LZ4_compressBound(static_cast<int>(tile_size))));
       const int size = LZ4_compress_default(reinterpret_cast<const char *>(tile.data()),
-                                            reinterpret_cast<char *>(coded.data()), static_cast<int>(tile_size),
-                                            static_cast<int>(coded.size()));
+                                            reinterpret_cast<char *>(coded.data()),
+                                            static_cast<int>(tile_size), static_cast<int>(coded.size()));
       ok = size > 0 && TIFFWriteRawTile(t, i, coded.data(), size) == size;
 #else
       ok = false;
@@ -236,8 +242,9 @@ bool tiff_read(const Codec &c, const std::string &name) {
 #ifdef ZT_HAVE_LZ4
       coded.resize(static_cast<size_t>(TIFFGetStrileByteCount(t, i)));
       const tmsize_t got = TIFFReadRawTile(t, i, coded.data(), static_cast<tmsize_t>(coded.size()));
-      ok = got > 0 && LZ4_decompress_safe(reinterpret_cast<const char *>(coded.data()), reinterpret_cast<char *>(tile.data()),
-                                          static_cast<int>(got), static_cast<int>(tile_size)) == tile_size;
+      ok = got > 0 && LZ4_decompress_safe(reinterpret_cast<const char *>(coded.data()),
+                                          reinterpret_cast<char *>(tile.data()), static_cast<int>(got),
+                                          static_cast<int>(tile_size)) == tile_size;
 #else
       ok = false;
 #endif
@@ -313,15 +320,17 @@ class TableReporter : public benchmark::ConsoleReporter {
 };
 
 void print_table(const TableReporter &r) {
-  std::printf("\nVLIMG tiled %u x %u CMYK page, %u^2 tiles: MB/s of page data (medians when repeated)\n", g_side,
-              g_side, kTile);
+  std::printf("\nVLIMG tiled %u x %u CMYK page, %u^2 tiles: MB/s of page data (medians when repeated)\n",
+              g_side, g_side, kTile);
   std::printf("%-28s %10s %10s %8s %8s %6s\n", "case", "ours", "peer", "ratio", "goal", "holds");
   auto row = [&](const std::string &name, const std::string &ours, const std::string &peer, double goal) {
     const double a = r.value(ours), b = r.value(peer);
     if (a == 0 || b == 0) return;
     const double ratio = a / b;
     std::printf("%-28s %10.1f %10.1f %7.2fx %7.1fx %6s\n", name.c_str(), a, b, ratio, goal,
-                goal == 0 ? "-" : ratio >= goal ? "yes" : "NO");
+                goal == 0       ? "-"
+                : ratio >= goal ? "yes"
+                                : "NO");
   };
   for (int c = 0; c < 5; ++c) {
     const std::string n = kCodecs[c].name, idx = std::to_string(c);
@@ -329,8 +338,11 @@ void print_table(const TableReporter &r) {
     for (const char *op : {"Write", "Read"}) {
       const std::string peer = std::string("BM_Tiff_") + op + "/" + idx;
       row(n + " " + op + " 1T vs libtiff", std::string("BM_Vlimg_") + op + "/" + idx + "/1", peer, 1.0);
-      row(n + " " + op + " 2T vs libtiff", std::string("BM_Vlimg_") + op + "/" + idx + "/2", peer, real ? 1.8 : 0);
-      if (!real) row(n + " " + op + " 1T vs memcpy", std::string("BM_Vlimg_") + op + "/" + idx + "/1", "BM_Memcpy_Page/", 0.5);
+      row(n + " " + op + " 2T vs libtiff", std::string("BM_Vlimg_") + op + "/" + idx + "/2", peer,
+          real ? 1.8 : 0);
+      if (!real)
+        row(n + " " + op + " 1T vs memcpy", std::string("BM_Vlimg_") + op + "/" + idx + "/1",
+            "BM_Memcpy_Page/", 0.5);
     }
   }
 }
@@ -338,15 +350,29 @@ void print_table(const TableReporter &r) {
 void register_all() {
   for (int c = 0; c < 5; ++c) {
     for (int threads : {1, 2}) {
-      benchmark::RegisterBenchmark("BM_Vlimg_Write", BM_Vlimg_Write)->Args({c, threads})->UseRealTime()->Unit(benchmark::kMillisecond);
-      benchmark::RegisterBenchmark("BM_Vlimg_Read", BM_Vlimg_Read)->Args({c, threads})->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark("BM_Vlimg_Write", BM_Vlimg_Write)
+          ->Args({c, threads})
+          ->UseRealTime()
+          ->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark("BM_Vlimg_Read", BM_Vlimg_Read)
+          ->Args({c, threads})
+          ->UseRealTime()
+          ->Unit(benchmark::kMillisecond);
     }
 #ifdef ZT_HAVE_TIFF
-    benchmark::RegisterBenchmark("BM_Tiff_Write", BM_Tiff_Write)->Arg(c)->UseRealTime()->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("BM_Tiff_Read", BM_Tiff_Read)->Arg(c)->UseRealTime()->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_Tiff_Write", BM_Tiff_Write)
+        ->Arg(c)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("BM_Tiff_Read", BM_Tiff_Read)
+        ->Arg(c)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
 #endif
   }
-  benchmark::RegisterBenchmark("BM_Memcpy_Page", BM_Memcpy_Page)->UseRealTime()->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark("BM_Memcpy_Page", BM_Memcpy_Page)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
 }
 
 }  // namespace
@@ -355,7 +381,8 @@ int main(int argc, char **argv) {
   bool small = false;
   for (int i = 1; i < argc; ++i) {
     const char *prefix = "--benchmark_min_time=";
-    if (std::strncmp(argv[i], prefix, std::strlen(prefix)) == 0 && std::atof(argv[i] + std::strlen(prefix)) < 0.1)
+    if (std::strncmp(argv[i], prefix, std::strlen(prefix)) == 0 &&
+        std::atof(argv[i] + std::strlen(prefix)) < 0.1)
       small = true;
   }
   if (const char *full = std::getenv("ZT_BENCH_FULL"); full != nullptr && std::atoi(full) != 0)

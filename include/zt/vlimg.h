@@ -42,35 +42,35 @@ ZT_EXTERN_C_BEGIN
 /* ---- Header item tags (the field numbers of VLIMG_GetField/SetField) ------
  * The comment gives the type a value passes as through GetField / SetField. */
 #define VLIMG_TAG_INVALID 0
-#define VLIMG_TAG_WIDTH 1             /* uint32_t: pixels per line (required) */
-#define VLIMG_TAG_HEIGHT 2            /* uint32_t: lines (required) */
-#define VLIMG_TAG_COMPRESSION 3       /* uint32_t: VLIMG_COMPRESSION_* (u16 on disk) */
-#define VLIMG_TAG_IMAGETYPE 5         /* uint32_t: VLIMG_IMAGETYPE_* (u16 on disk) */
-#define VLIMG_TAG_XRESOLUTION 6       /* float: horizontal resolution */
-#define VLIMG_TAG_YRESOLUTION 7       /* float: vertical resolution */
-#define VLIMG_TAG_RESOLUTIONUNIT 8    /* uint32_t (u16 on disk), default 1 */
-#define VLIMG_TAG_COLOURSPACE 9       /* uint32_t: the caller's colour-space id (u32 on disk) */
-#define VLIMG_TAG_COLOURSPACE_F64 10  /* double: tag 9 in its 64-bit float form; sets tag 9 */
-#define VLIMG_TAG_ORIENTATION 11      /* uint32_t (u16 on disk), default 1 */
-#define VLIMG_TAG_VERSION 14          /* double: format version (6.0 written); read only */
-#define VLIMG_TAG_DESCRIPTION 15      /* const char *: text */
-#define VLIMG_TAG_END 16              /* end of header (no value) */
-#define VLIMG_TAG_SOFTWARE 17         /* const char *: text */
-#define VLIMG_TAG_BPP_ARRAY 19        /* uint32_t[planes]: bits per plane (u16 entries on disk) */
-#define VLIMG_TAG_BPP_ARRAY32 20      /* uint32_t[planes]: the same, u32 entries on disk */
-#define VLIMG_TAG_SEPNAMES 21         /* const char *: separation definitions (VLIMG.md) */
-#define VLIMG_TAG_NUMSEPS 22          /* uint32_t: separations of a separated image */
-#define VLIMG_TAG_TILEWIDTH 23        /* uint32_t */
-#define VLIMG_TAG_TILEHEIGHT 24       /* uint32_t */
-#define VLIMG_TAG_TILETABLE 25        /* read only: VLIMG_TileEntry[tile count] copied out */
-#define VLIMG_TAG_ICCPROFILE 26       /* VLIMG_Blob: embedded ICC profile */
-#define VLIMG_TAG_TILEFLAGS 27        /* uint32_t: the caller's tiling property */
-#define VLIMG_TAG_TILEBLOB1 28        /* VLIMG_Blob */
-#define VLIMG_TAG_TILEBLOB2 29        /* VLIMG_Blob */
-#define VLIMG_TAG_MIPMAPLEVEL 30      /* uint32_t: 0 for a page, n for its n-th mipmap */
-#define VLIMG_TAG_NEWFILE 31          /* uint32_t: 1 on the first page of a new file; read only */
-#define VLIMG_TAG_NEXTPAGE 32         /* uint64_t: offset of the next page, 0 none; read only */
-#define VLIMG_TAG_PAGENUMBER 33       /* uint32_t: the caller's page number */
+#define VLIMG_TAG_WIDTH 1            /* uint32_t: pixels per line (required) */
+#define VLIMG_TAG_HEIGHT 2           /* uint32_t: lines (required) */
+#define VLIMG_TAG_COMPRESSION 3      /* uint32_t: VLIMG_COMPRESSION_* (u16 on disk) */
+#define VLIMG_TAG_IMAGETYPE 5        /* uint32_t: VLIMG_IMAGETYPE_* (u16 on disk) */
+#define VLIMG_TAG_XRESOLUTION 6      /* float: horizontal resolution */
+#define VLIMG_TAG_YRESOLUTION 7      /* float: vertical resolution */
+#define VLIMG_TAG_RESOLUTIONUNIT 8   /* uint32_t (u16 on disk), default 1 */
+#define VLIMG_TAG_COLOURSPACE 9      /* uint32_t: the caller's colour-space id (u32 on disk) */
+#define VLIMG_TAG_COLOURSPACE_F64 10 /* double: tag 9 in its 64-bit float form; sets tag 9 */
+#define VLIMG_TAG_ORIENTATION 11     /* uint32_t (u16 on disk), default 1 */
+#define VLIMG_TAG_VERSION 14         /* double: format version (6.0 written); read only */
+#define VLIMG_TAG_DESCRIPTION 15     /* const char *: text */
+#define VLIMG_TAG_END 16             /* end of header (no value) */
+#define VLIMG_TAG_SOFTWARE 17        /* const char *: text */
+#define VLIMG_TAG_BPP_ARRAY 19       /* uint32_t[planes]: bits per plane (u16 entries on disk) */
+#define VLIMG_TAG_BPP_ARRAY32 20     /* uint32_t[planes]: the same, u32 entries on disk */
+#define VLIMG_TAG_SEPNAMES 21        /* const char *: separation definitions (VLIMG.md) */
+#define VLIMG_TAG_NUMSEPS 22         /* uint32_t: separations of a separated image */
+#define VLIMG_TAG_TILEWIDTH 23       /* uint32_t */
+#define VLIMG_TAG_TILEHEIGHT 24      /* uint32_t */
+#define VLIMG_TAG_TILETABLE 25       /* read only: VLIMG_TileEntry[tile count] copied out */
+#define VLIMG_TAG_ICCPROFILE 26      /* VLIMG_Blob: embedded ICC profile */
+#define VLIMG_TAG_TILEFLAGS 27       /* uint32_t: the caller's tiling property */
+#define VLIMG_TAG_TILEBLOB1 28       /* VLIMG_Blob */
+#define VLIMG_TAG_TILEBLOB2 29       /* VLIMG_Blob */
+#define VLIMG_TAG_MIPMAPLEVEL 30     /* uint32_t: 0 for a page, n for its n-th mipmap */
+#define VLIMG_TAG_NEWFILE 31         /* uint32_t: 1 on the first page of a new file; read only */
+#define VLIMG_TAG_NEXTPAGE 32        /* uint64_t: offset of the next page, 0 none; read only */
+#define VLIMG_TAG_PAGENUMBER 33      /* uint32_t: the caller's page number */
 #define VLIMG_TAG_LAST 33
 
 /* ---- Image types (tag 5) and their plane counts -------------------------- */
@@ -206,8 +206,8 @@ ZT_API int32_t VLIMG_ReadTile(VLIMG_File *file, uint32_t index, uint8_t *dst, ui
 /* Reads `count` tiles: tile indices[i] into dsts[i] with strides[i]; the file
  * is read in order of offsets and decoding runs on the worker threads. 0, or
  * -1 when any tile fails (the others are still delivered). */
-ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32_t count, uint8_t *const *dsts,
-                               const uint32_t *strides);
+ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32_t count,
+                               uint8_t *const *dsts, const uint32_t *strides);
 /* Sets the number of worker threads that code tiles for files opened from
  * now on (1: the caller's thread only; 0: the processor count; at most 64).
  * 0, or -1. */

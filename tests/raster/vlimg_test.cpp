@@ -5,10 +5,9 @@
 #include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 #include <zt/compress.h>
 #include <zt/vlimg.h>
-
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -66,12 +65,20 @@ struct PageSpec {
 
 uint32_t planes_of(const PageSpec &p) {
   switch (p.type) {
-    case 2: case 9: return 3;
-    case 3: return 4;
-    case 4: return p.numseps;
-    case 6: case 7: return 6;
-    case 8: return 7;
-    default: return 1;
+    case 2:
+    case 9:
+      return 3;
+    case 3:
+      return 4;
+    case 4:
+      return p.numseps;
+    case 6:
+    case 7:
+      return 6;
+    case 8:
+      return 7;
+    default:
+      return 1;
   }
 }
 
@@ -119,7 +126,8 @@ void copy_bits(uint8_t *dst, const uint8_t *src, size_t from, size_t bits) {
 int32_t write_page(const std::string &name, int32_t mode, const PageSpec &p, const Bytes &px) {
   VLIMG_File *f = VLIMG_Open(name.c_str(), mode);
   if (f == nullptr) return -1;
-  bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &p.width) == 0 && VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &p.height) == 0 &&
+  bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &p.width) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &p.height) == 0 &&
             VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &p.compression) == 0;
   if (ok && p.numseps) ok = VLIMG_SetField(f, VLIMG_TAG_NUMSEPS, &p.numseps) == 0;
   ok = ok && VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &p.type) == 0;
@@ -355,7 +363,9 @@ struct BadHeader {
 // Each header breaks one rule; the reader must refuse it with its message.
 std::vector<BadHeader> bad_headers() {
   std::vector<BadHeader> cases;
-  auto add = [&](const char *name, const Hand &h, const char *message) { cases.push_back({name, h.b, message}); };
+  auto add = [&](const char *name, const Hand &h, const char *message) {
+    cases.push_back({name, h.b, message});
+  };
   add("end first", Hand().prologue().end(), "width is undefined");
   add("no height", Hand().start().item32(1, 4).end(), "height is undefined");
   add("no compression", Hand().start().item32(1, 4).item32(2, 4).end(), "compression type is undefined");
@@ -364,7 +374,8 @@ std::vector<BadHeader> bad_headers() {
       "Unsupported compression mode 14 encountered");
   add("bad id", Hand().u8(0x42).u8(0x42).u32(0x0B0A1341).u32(0), "Not a VL IMG file id = b0a1341");
   add("tag zero", Hand().start().head(0, 0, 0, 0), "undefined tag encountered");
-  add("numseps after type", Hand().start().item32(1, 4).item32(2, 4).item16(3, 1).item16(5, 4).item32(22, 2).end(),
+  add("numseps after type",
+      Hand().start().item32(1, 4).item32(2, 4).item16(3, 1).item16(5, 4).item32(22, 2).end(),
       "Could not find numseps tag for Separated image");
   add("unknown type", Hand().start().item16(5, 5), "Cannot handle imagetype 5");
   add("bpp first", Hand().start().head(19, 2, 3, 1).u16(8), "Got bpp before colourspace");
@@ -375,7 +386,12 @@ std::vector<BadHeader> bad_headers() {
       "Saw sep definitions before numseps");
   add("seps text", Hand().start().item32(22, 1).head(21, 5, 2, 5).raw({'[', 'C', 'y', 'a', 'n'}),
       "Problem parsing sep names");
-  add("dot gain", Hand().start().item32(22, 1).head(21, 12, 2, 12).raw({'[', 'S', '|', '5', ':', '1', ',', '2', ':', '2', ']', ' '}),
+  add("dot gain",
+      Hand()
+          .start()
+          .item32(22, 1)
+          .head(21, 12, 2, 12)
+          .raw({'[', 'S', '|', '5', ':', '1', ',', '2', ':', '2', ']', ' '}),
       "Problem parsing dotgain curve for specials");
   add("short item", Hand().start().u32(40).u32(5).u16(0).u32(0), "below the 6 of a bare item");
   add("long item", Hand().start().head(40, 1000, 0, 0).raw(Bytes(10, 0)), "runs past the end of the file");
@@ -383,25 +399,101 @@ std::vector<BadHeader> bad_headers() {
   add("tiled without table", Hand().start().grey(4, 4).item32(23, 2).item32(24, 2).end(),
       "corrupted tiled image encountered");
   add("tile offset zero",
-      Hand().start().grey(2, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).u32(2).u32(1).u64(0).u32(2).u32(0).end().raw({1, 2}),
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(0)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1, 2}),
       "Corrupt tile table encountered at tile 0, tile width = 2, tile height = 1, offset = 0");
   add("tile too wide",
-      Hand().start().grey(2, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).u32(3).u32(1).u64(90).u32(2).u32(0).end(),
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(3)
+          .u32(1)
+          .u64(90)
+          .u32(2)
+          .u32(0)
+          .end(),
       "Corrupt tile table encountered at tile 0, tile width = 3");
-  add("table count", Hand().start().grey(4, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).raw(Bytes(24, 1)).end(),
+  add("table count",
+      Hand().start().grey(4, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).raw(Bytes(24, 1)).end(),
       "the page has 2 tiles");
   add("tile in header",
-      Hand().start().grey(2, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).u32(2).u32(1).u64(10).u32(2).u32(0).end().raw({1, 2}),
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(10)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1, 2}),
       "overlaps the header");
   add("tile past end",
-      Hand().start().grey(2, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).u32(2).u32(1).u64(244).u32(2).u32(0).end().raw({1}),
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(244)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1}),
       "lies past the end of the file");
   add("tile block too big",
-      Hand().start().grey(2, 1, 7).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).u32(2).u32(1).u64(244).u32(40).u32(0).end().raw(Bytes(40, 0)),
+      Hand()
+          .start()
+          .grey(2, 1, 7)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(244)
+          .u32(40)
+          .u32(0)
+          .end()
+          .raw(Bytes(40, 0)),
       "announces 40 bytes, more than it holds");
-  add("huge page", Hand().start().item32(1, 0xFFFFFFFF).item32(2, 0xFFFFFFFF).item16(3, 1).item16(5, 8).head(20, 28, 0x0B, 7).u32(16).u32(16).u32(16).u32(16).u32(16).u32(16).u32(16).end(),
+  add("huge page",
+      Hand()
+          .start()
+          .item32(1, 0xFFFFFFFF)
+          .item32(2, 0xFFFFFFFF)
+          .item16(3, 1)
+          .item16(5, 8)
+          .head(20, 28, 0x0B, 7)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .end(),
       "is too large");
-  add("huge table", Hand().start().grey(100000, 100000).item32(23, 1).item32(24, 1).head(25, 0, 0x0B, 0).end(),
+  add("huge table",
+      Hand().start().grey(100000, 100000).item32(23, 1).item32(24, 1).head(25, 0, 0x0B, 0).end(),
       "Tiles of 1 x 1");
   return cases;
 }
@@ -442,8 +534,10 @@ TEST_F(Vlimg, DamagedDataFailsTheLineOrTileNotTheProcess) {
   // wrong size, unknown block flags and a deflate stream of garbage.
   const std::vector<std::pair<Hand, const char *>> lines = {
       {Hand().start().grey(4, 1, 7).end().u32(0x41).u32(9).raw(Bytes(9, 0)), "more than the line's 4"},
-      {Hand().start().grey(4, 1, 7).end().u32(0).u32(3).raw(Bytes(3, 0)), "A raw block of 3 bytes should hold 4"},
-      {Hand().start().grey(4, 1, 7).end().u32(0x41 | 0x800).u32(3).raw(Bytes(3, 0)), "Unknown block flags 0x841"},
+      {Hand().start().grey(4, 1, 7).end().u32(0).u32(3).raw(Bytes(3, 0)),
+       "A raw block of 3 bytes should hold 4"},
+      {Hand().start().grey(4, 1, 7).end().u32(0x41 | 0x800).u32(3).raw(Bytes(3, 0)),
+       "Unknown block flags 0x841"},
       {Hand().start().grey(4, 1, 7).end().u32(0x41).u32(3).raw({1, 2, 3}), "Cannot read line 0"},
       {Hand().start().grey(4, 2).end().raw({1, 2, 3, 4, 5}), "Cannot read line 1"},
   };
@@ -567,7 +661,9 @@ TEST_F(Vlimg, ScanlineBuffersByPixelAndByLine) {
   ASSERT_EQ(VLIMG_ReadScanlineSB(f, by_line), 0);
   for (uint32_t c = 0; c < 3; ++c)
     for (uint32_t x = 0; x < 9; ++x)
-      EXPECT_EQ(std::memcmp(by_line->data + c * by_line->bytesPerPlaneRow + x * 2, px.data() + 54 + (x * 3 + c) * 2, 2), 0);
+      EXPECT_EQ(std::memcmp(by_line->data + c * by_line->bytesPerPlaneRow + x * 2,
+                            px.data() + 54 + (x * 3 + c) * 2, 2),
+                0);
   // Back through the writer from the by-line buffer gives the same line.
   VLIMG_File *w = VLIMG_Open(path("copy.vlimg").c_str(), VLIMG_MODE_CREATE);
   const uint32_t one = 1;
@@ -618,12 +714,14 @@ TEST_F(Vlimg, WriterRefusesIncompleteHeadersAndMixedLayouts) {
     VLIMG_SetField(f, VLIMG_TAG_NUMSEPS, &two);
     VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, "[Cyan]");
     EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), -1);
-    EXPECT_TRUE(capture.contains("Not all separation names are defined, sepname array length = 1, numseps = 2"));
+    EXPECT_TRUE(
+        capture.contains("Not all separation names are defined, sepname array length = 1, numseps = 2"));
     VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, "[Cyan][Black]");
     EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), 0);
     EXPECT_EQ(VLIMG_WriteTile(f, 0, line.data(), 8), -1);
-    EXPECT_TRUE(capture.contains("VLIMG_WriteScanline has already been called. You can either use VLIMG_WriteTile or "
-                                 "VLIMG_WriteScanline but not both."));
+    EXPECT_TRUE(
+        capture.contains("VLIMG_WriteScanline has already been called. You can either use VLIMG_WriteTile or "
+                         "VLIMG_WriteScanline but not both."));
     EXPECT_EQ(VLIMG_EnableTiling(f, 2, 2), -1);
     EXPECT_TRUE(capture.contains("Cannot enable tiled mode"));
     EXPECT_EQ(VLIMG_SetField(f, VLIMG_TAG_WIDTH, &one), -1);
@@ -757,7 +855,8 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
     ASSERT_EQ(write_page(path("src.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
     {
       zt::test::LogCapture capture;
-      ASSERT_EQ(VLIMG_CropFileToFile(path("src.vlimg").c_str(), path("crop.vlimg").c_str(), 0, 3, 5, 29, 17), 0)
+      ASSERT_EQ(VLIMG_CropFileToFile(path("src.vlimg").c_str(), path("crop.vlimg").c_str(), 0, 3, 5, 29, 17),
+                0)
           << (capture.count() ? capture.lines()[0].message : "");
     }
     PageSpec c = p;
@@ -765,8 +864,8 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
     c.height = 17;
     Bytes want(line_of(c, 29) * 17, 0);
     for (uint32_t y = 0; y < 17; ++y)
-      copy_bits(want.data() + y * line_of(c, 29), px.data() + (y + 5) * line_of(p, p.width), size_t{3} * bits_of(p),
-                size_t{29} * bits_of(p));
+      copy_bits(want.data() + y * line_of(c, 29), px.data() + (y + 5) * line_of(p, p.width),
+                size_t{3} * bits_of(p), size_t{29} * bits_of(p));
     VLIMG_File *f = VLIMG_Open(path("crop.vlimg").c_str(), VLIMG_MODE_READ);
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(VLIMG_IsTiled(f), p.tile_w ? 1 : 0);

@@ -22,7 +22,8 @@ struct Image {
 
 Image make_image(uint32_t w, uint32_t h, uint32_t planes, uint32_t bits) {
   Image im{w, h, planes, bits, Bytes(size_t{w} * h * planes * bits / 8)};
-  for (size_t i = 0; i < im.px.size(); ++i) im.px[i] = static_cast<uint8_t>((i * 7) ^ (i / (w * planes)) * 13);
+  for (size_t i = 0; i < im.px.size(); ++i)
+    im.px[i] = static_cast<uint8_t>((i * 7) ^ (i / (w * planes)) * 13);
   return im;
 }
 
@@ -46,8 +47,8 @@ Image halve(const Image &im) {
   const uint32_t bps = im.bits / 8;
   out.px.resize(size_t{out.width} * out.height * im.planes * bps);
   MemSource src{&im};
-  ResampleContext *ctx = resampleInit(ZT_RESAMPLE_FILTERED, im.width, im.height, out.width, out.height, im.planes,
-                                      im.bits, im.bits, read_mem, nullptr, nullptr, &src);
+  ResampleContext *ctx = resampleInit(ZT_RESAMPLE_FILTERED, im.width, im.height, out.width, out.height,
+                                      im.planes, im.bits, im.bits, read_mem, nullptr, nullptr, &src);
   ScanlineBuf *line = scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, im.bits, im.planes, 0, out.width, 1, 0);
   for (uint32_t y = 0; y < out.height; ++y) {
     EXPECT_EQ(resampleGetNextScanline(ctx, line), 0);
@@ -76,7 +77,8 @@ void write_image(const std::string &name, int32_t mode, const Image &im, uint32_
     // One tile over the whole width keeps the test's tile cutting trivial.
     ASSERT_EQ(VLIMG_EnableTiling(f, im.width, tile), 0);
     for (uint32_t i = 0; i < VLIMG_NumTiles(f); ++i)
-      ASSERT_EQ(VLIMG_WriteTile(f, i, im.px.data() + size_t{i} * tile * line, static_cast<uint32_t>(line)), 0);
+      ASSERT_EQ(VLIMG_WriteTile(f, i, im.px.data() + size_t{i} * tile * line, static_cast<uint32_t>(line)),
+                0);
   } else {
     for (uint32_t y = 0; y < im.height; ++y) ASSERT_EQ(VLIMG_WriteScanline(f, im.px.data() + y * line), 0);
   }
@@ -152,7 +154,8 @@ TEST_F(VlimgMipmaps, LevelsAreTheResamplersOwnOutput) {
 
 TEST_F(VlimgMipmaps, LevelsStopAtOnePixelAndNeedWholeBytes) {
   const std::string name = dir_.file("tiny.vlimg");
-  write_image(name, VLIMG_MODE_CREATE, make_image(2, 1, 1, 8), VLIMG_IMAGETYPE_GREY, VLIMG_COMPRESSION_NONE, 0);
+  write_image(name, VLIMG_MODE_CREATE, make_image(2, 1, 1, 8), VLIMG_IMAGETYPE_GREY, VLIMG_COMPRESSION_NONE,
+              0);
   ASSERT_EQ(VLIMG_GenerateMipmapsForFile(name.c_str(), 5), 0);
   VLIMG_File *f = VLIMG_Open(name.c_str(), VLIMG_MODE_READ);
   EXPECT_EQ(VLIMG_NumMipmaps(f), 1);
