@@ -84,7 +84,10 @@ bool prepare_codec(VLIMG_File *f, const char *fn) {
   c.swap16 = std::all_of(h.bpp.begin(), h.bpp.end(), [](uint32_t b) { return b == 16; });
   c.sample_bits = c.swap16 ? 16 : 8;
   if (c.compression != 1) {
-    c.flags = ZT_CompressFlagsFromVLIMG(c.compression, 0);
+    // Tiled pages are written for tile streaming: their blocks are what an
+    // image buffer caches, whose tiles are not differenced. Scanline pages
+    // take the delta filter. Readers follow each block's own flags either way.
+    c.flags = ZT_CompressFlagsFromVLIMG(c.compression, h.tiled() ? 1 : 0);
     if (c.flags == 0) return false;
   }
   // Several tiles per worker and batch keep the hand-overs few.
