@@ -475,6 +475,15 @@ std::vector<BadHeader> bad_headers() {
           .end()
           .raw(Bytes(40, 0)),
       "announces 40 bytes, more than it holds");
+  add("table beyond file",
+      Hand()
+          .start()
+          .grey(1000, 1000)
+          .item32(23, 10)
+          .item32(24, 10)
+          .head(25, 240000, 0x0B, 10000)
+          .raw(Bytes(64, 1)),
+      "Item 25 of 240000 bytes runs past the end of the file");
   add("huge page",
       Hand()
           .start()
