@@ -204,7 +204,10 @@ bool tiff_write(const Codec &c, const std::string &name) {
   TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
   TIFFSetField(t, TIFFTAG_TILEWIDTH, kTile);
   TIFFSetField(t, TIFFTAG_TILELENGTH, kTile);
-  TIFFSetField(t, TIFFTAG_COMPRESSION, c.tiff < 0 ? COMPRESSION_NONE : c.tiff);
+  // Raw LZ4 tiles sit under a compressed scheme's tag: libtiff "repairs" the
+  // byte counts of uncompressed tiles that look short, and raw tile calls
+  // bypass the codec anyway.
+  TIFFSetField(t, TIFFTAG_COMPRESSION, c.tiff < 0 ? COMPRESSION_ADOBE_DEFLATE : c.tiff);
   if (c.tiff == COMPRESSION_ADOBE_DEFLATE) TIFFSetField(t, TIFFTAG_ZIPQUALITY, 6);
   const tmsize_t tile_size = tmsize_t{kTile} * kTile * 4;
   std::vector<uint8_t> tile(static_cast<size_t>(tile_size)), coded;
