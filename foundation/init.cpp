@@ -17,6 +17,7 @@
 #include "packets/packets_internal.h"
 #include "raster/buf_internal.h"
 #include "raster/interleave_internal.h"
+#include "raster/vlimg_internal.h"
 
 #include <zt/dither.h>
 #include <zt/init.h>
@@ -59,6 +60,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
   ditherStaticInit();
+  zt::raster::vlimg::vlimg_static_init();
   resampleStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
@@ -77,6 +79,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();
+  zt::raster::vlimg::vlimg_static_free();
   ditherStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();

@@ -42,6 +42,18 @@ R api_guard(const char *module, const char *function, R fail, F &&body) noexcept
   return fail;
 }
 
+// The product of sizes that come from a file, a caller or a peer: false when it
+// does not fit in 64 bits, so a wrapped size never reaches an allocation, a
+// seek or an index. Every such product in the library goes through here.
+[[nodiscard]] inline bool checked_mul(uint64_t a, uint64_t b, uint64_t *out) noexcept {
+  return !__builtin_mul_overflow(a, b, out);
+}
+template <typename... More>
+[[nodiscard]] inline bool checked_mul(uint64_t a, uint64_t b, uint64_t c, More... more) noexcept {
+  uint64_t ab = 0;
+  return checked_mul(a, b, &ab) && checked_mul(ab, c, more...);
+}
+
 template <typename F>
 void api_guard_void(const char *module, const char *function, F &&body) noexcept {
   api_guard<int>(module, function, 0, [&] {

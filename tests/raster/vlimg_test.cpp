@@ -1,0 +1,1011 @@
+// VLIMG page files: the bytes we write checked against pages assembled by
+// hand from the item table, round trips over every layout, depth and codec,
+// the page chain, threads, a growing file, a full disk and hostile headers.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <zt/compress.h>
+#include <zt/vlimg.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/test_support.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Pages assembled by hand: big-endian numbers and items as the format lays
+// them out (tag, length = 6 + payload, type, count, payload).
+struct Hand {
+  Bytes b;
+  Hand &u8(uint8_t v) {
+    b.push_back(v);
+    return *this;
+  }
+  Hand &u16(uint32_t v) { return u8(static_cast<uint8_t>(v >> 8)).u8(static_cast<uint8_t>(v)); }
+  Hand &u32(uint32_t v) { return u16(v >> 16).u16(v & 0xFFFF); }
+  Hand &u64(uint64_t v) { return u32(static_cast<uint32_t>(v >> 32)).u32(static_cast<uint32_t>(v)); }
+  Hand &raw(const Bytes &bytes) {
+    b.insert(b.end(), bytes.begin(), bytes.end());
+    return *this;
+  }
+  Hand &prologue() { return u8(0x42).u8(0x42).u32(0x0B0A1340).u32(0); }
+  Hand &head(uint32_t tag, uint32_t payload, uint32_t type, uint32_t count) {
+    return u32(tag).u32(payload + 6).u16(type).u32(count);
+  }
+  Hand &item32(uint32_t tag, uint32_t v) { return head(tag, 4, 0x0B, 1).u32(v); }
+  Hand &item16(uint32_t tag, uint32_t v) { return head(tag, 2, 0x03, 1).u16(v); }
+  Hand &version() { return head(14, 8, 0x0C, 1).u64(0x4018000000000000ull); }  // 6.0
+  Hand &next(uint64_t v) { return head(32, 8, 0x0A, 1).u64(v); }
+  Hand &end() { return head(16, 0, 0x0B, 0); }
+  // Prologue, version, new-file and next-page items: how every file starts.
+  Hand &start() { return prologue().version().item32(31, 1).next(0); }
+  // The required items of a grey 8-bit page.
+  Hand &grey(uint32_t w, uint32_t h, uint32_t compression = 1) {
+    return item32(1, w).item32(2, h).item16(3, compression).item16(5, 1).head(19, 2, 0x03, 1).u16(8);
+  }
+};
+
+struct PageSpec {
+  uint32_t width = 0, height = 0, type = VLIMG_IMAGETYPE_GREY, compression = VLIMG_COMPRESSION_NONE;
+  std::vector<uint32_t> bpp;  // empty: 8 bits per plane
+  uint32_t numseps = 0;
+  std::string seps;
+  uint32_t tile_w = 0, tile_h = 0;
+};
+
+uint32_t planes_of(const PageSpec &p) {
+  switch (p.type) {
+    case 2:
+    case 9:
+      return 3;
+    case 3:
+      return 4;
+    case 4:
+      return p.numseps;
+    case 6:
+    case 7:
+      return 6;
+    case 8:
+      return 7;
+    default:
+      return 1;
+  }
+}
+
+uint32_t bits_of(const PageSpec &p) {
+  uint32_t bits = 0;
+  for (uint32_t i = 0; i < planes_of(p); ++i) bits += p.bpp.empty() ? 8 : p.bpp[i];
+  return bits;
+}
+
+size_t line_of(const PageSpec &p, uint32_t width) { return (size_t{width} * bits_of(p) + 7) / 8; }
+
+// A page that compresses like a rendered one: flat tints, a ramp and noise.
+Bytes make_pixels(const PageSpec &p, uint32_t seed) {
+  const size_t line = line_of(p, p.width);
+  Bytes px(line * p.height);
+  uint32_t state = seed * 2654435761u + 1;
+  for (uint32_t y = 0; y < p.height; ++y)
+    for (size_t i = 0; i < line; ++i) {
+      uint8_t v;
+      if (y % 7 < 3) {
+        v = static_cast<uint8_t>(i * 3 + y);
+      } else if (y % 7 < 5) {
+        v = static_cast<uint8_t>(0x40 + (i % 4) * 0x11);
+      } else {
+        state = state * 1103515245u + 12345u;
+        v = static_cast<uint8_t>(state >> 24);
+      }
+      px[y * line + i] = v;
+    }
+  // Bits past the last pixel of a line are not stored: keep them zero.
+  const uint32_t spare = static_cast<uint32_t>(line * 8 - size_t{p.width} * bits_of(p));
+  if (spare)
+    for (uint32_t y = 0; y < p.height; ++y) px[y * line + line - 1] &= static_cast<uint8_t>(0xFF << spare);
+  return px;
+}
+
+void copy_bits(uint8_t *dst, const uint8_t *src, size_t from, size_t bits) {
+  for (size_t i = 0; i < bits; ++i) {
+    const int bit = (src[(from + i) / 8] >> (7 - (from + i) % 8)) & 1;
+    if (bit) dst[i / 8] |= static_cast<uint8_t>(0x80 >> (i % 8));
+  }
+}
+
+// Writes `px` as one page of `name` (mode 2 or 5); 0 or -1 like the library.
+int32_t write_page(const std::string &name, int32_t mode, const PageSpec &p, const Bytes &px) {
+  VLIMG_File *f = VLIMG_Open(name.c_str(), mode);
+  if (f == nullptr) return -1;
+  bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &p.width) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &p.height) == 0 &&
+            VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &p.compression) == 0;
+  if (ok && p.numseps) ok = VLIMG_SetField(f, VLIMG_TAG_NUMSEPS, &p.numseps) == 0;
+  ok = ok && VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &p.type) == 0;
+  if (ok && !p.bpp.empty()) ok = VLIMG_SetField(f, VLIMG_TAG_BPP_ARRAY, p.bpp.data()) == 0;
+  if (ok && !p.seps.empty()) ok = VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, p.seps.c_str()) == 0;
+  const size_t line = line_of(p, p.width);
+  if (ok && p.tile_w) {
+    ok = VLIMG_EnableTiling(f, p.tile_w, p.tile_h) == 0;
+    const uint32_t n = VLIMG_NumTiles(f);
+    Bytes tile;
+    // Tiles go in back to front, so the table has to map them.
+    for (uint32_t k = 0; ok && k < n; ++k) {
+      const uint32_t i = n - 1 - k;
+      uint32_t w = 0, h = 0;
+      ok = VLIMG_GetTileSize(f, i, &w, &h) == 0;
+      const uint32_t across = (p.width + p.tile_w - 1) / p.tile_w;
+      const size_t x = (i % across) * p.tile_w, y = (i / across) * p.tile_h;
+      const size_t tl = line_of(p, w);
+      tile.assign(tl * h, 0);
+      for (uint32_t r = 0; r < h; ++r)
+        copy_bits(tile.data() + r * tl, px.data() + (y + r) * line, x * bits_of(p), size_t{w} * bits_of(p));
+      ok = ok && VLIMG_WriteTile(f, i, tile.data(), static_cast<uint32_t>(tl)) == 0;
+    }
+  } else {
+    for (uint32_t y = 0; ok && y < p.height; ++y) ok = VLIMG_WriteScanline(f, px.data() + y * line) == 0;
+  }
+  const int32_t closed = VLIMG_Close(f);
+  return ok && closed == 0 ? 0 : -1;
+}
+
+// Reads the current page of `f` whole, by lines or by tiles.
+bool read_page(VLIMG_File *f, Bytes *px) {
+  uint32_t width = 0, height = 0;
+  if (VLIMG_GetField(f, VLIMG_TAG_WIDTH, &width) != 0 || VLIMG_GetField(f, VLIMG_TAG_HEIGHT, &height) != 0)
+    return false;
+  const size_t line = VLIMG_BytesPerLine(f);
+  const uint32_t bits = VLIMG_BitsPerPixel(f);
+  px->assign(line * height, 0);
+  if (!VLIMG_IsTiled(f)) {
+    for (uint32_t y = 0; y < height; ++y)
+      if (VLIMG_ReadScanline(f, px->data() + y * line) != 0) return false;
+    return true;
+  }
+  uint32_t tw = 0, th = 0;
+  VLIMG_GetField(f, VLIMG_TAG_TILEWIDTH, &tw);
+  VLIMG_GetField(f, VLIMG_TAG_TILEHEIGHT, &th);
+  const uint32_t n = VLIMG_NumTiles(f), across = (width + tw - 1) / tw;
+  std::vector<Bytes> tiles(n);
+  std::vector<uint32_t> indices(n), strides(n);
+  std::vector<uint8_t *> dsts(n);
+  for (uint32_t i = 0; i < n; ++i) {
+    uint32_t w = 0, h = 0;
+    VLIMG_GetTileSize(f, i, &w, &h);
+    strides[i] = static_cast<uint32_t>((size_t{w} * bits + 7) / 8);
+    tiles[i].assign(size_t{strides[i]} * h, 0);
+    indices[i] = i;
+    dsts[i] = tiles[i].data();
+  }
+  if (VLIMG_ReadTiles(f, indices.data(), n, dsts.data(), strides.data()) != 0) return false;
+  for (uint32_t i = 0; i < n; ++i) {
+    const size_t x = (i % across) * tw, y = (i / across) * th;
+    const uint32_t h = static_cast<uint32_t>(tiles[i].size() / strides[i]);
+    for (uint32_t r = 0; r < h; ++r) {
+      const size_t from_bits = x * bits, w_bits = size_t{strides[i]} * 8;
+      for (size_t b = 0; b < w_bits && (from_bits + b) < size_t{width} * bits; ++b) {
+        const int bit = (tiles[i][r * strides[i] + b / 8] >> (7 - b % 8)) & 1;
+        uint8_t &d = (*px)[(y + r) * line + (from_bits + b) / 8];
+        const uint8_t m = static_cast<uint8_t>(0x80 >> ((from_bits + b) % 8));
+        d = bit ? static_cast<uint8_t>(d | m) : static_cast<uint8_t>(d & ~m);
+      }
+    }
+  }
+  return true;
+}
+
+class Vlimg : public ::testing::Test {
+ protected:
+  void SetUp() override { VLIMGSetupThreads(1); }
+  void TearDown() override { VLIMGSetupThreads(1); }
+  std::string path(const std::string &name = "page.vlimg") const { return dir_.file(name); }
+  Bytes bytes(const std::string &name = "page.vlimg") const {
+    const std::string s = zt::test::read_file(path(name));
+    return Bytes(s.begin(), s.end());
+  }
+  void put(const Bytes &b, const std::string &name = "page.vlimg") const {
+    zt::test::write_file(path(name), std::string(b.begin(), b.end()));
+  }
+  // Opens hand-made bytes for reading; NULL when refused.
+  VLIMG_File *open_bytes(const Bytes &b) {
+    put(b, "hand.vlimg");
+    return VLIMG_Open(path("hand.vlimg").c_str(), VLIMG_MODE_READ);
+  }
+
+  zt::test::LibraryScope library_;
+  zt::test::TempDir dir_;
+};
+
+// ---- Bytes on disk ------------------------------------------------------------
+
+TEST_F(Vlimg, ScanlinePageIsLaidOutItemByItem) {
+  PageSpec p;
+  p.width = 3;
+  p.height = 2;
+  const Bytes px = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+  Hand want;
+  want.start().grey(3, 2).end().raw(px);
+  EXPECT_EQ(bytes(), want.b);
+}
+
+TEST_F(Vlimg, TiledPageReservesItsTableAndFillsItLast) {
+  PageSpec p;
+  p.width = 3;
+  p.height = 2;
+  p.tile_w = 2;
+  p.tile_h = 2;
+  const Bytes px = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+  Hand want;
+  want.start().grey(3, 2).item32(23, 2).item32(24, 2).head(25, 48, 0x0B, 2);
+  const uint64_t data = want.b.size() + 48 + 14;
+  // write_page writes the last tile first: tile 1 (1 x 2) then tile 0 (2 x 2).
+  want.u32(2).u32(2).u64(data + 2).u32(4).u32(0);
+  want.u32(1).u32(2).u64(data).u32(2).u32(0);
+  want.end().raw({3, 6}).raw({1, 2, 4, 5});
+  EXPECT_EQ(bytes(), want.b);
+}
+
+TEST_F(Vlimg, AppendedPageIsLinkedFromThePageBefore) {
+  PageSpec p;
+  p.width = 2;
+  p.height = 1;
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, {7, 8}), 0);
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_APPEND, p, {9, 10}), 0);
+  Hand first;
+  first.start().grey(2, 1).end().raw({7, 8});
+  Hand want;
+  want.prologue().version().item32(31, 1).next(first.b.size()).grey(2, 1).end().raw({7, 8});
+  // An appended page carries no new-file item.
+  want.prologue().version().next(0).grey(2, 1).end().raw({9, 10});
+  EXPECT_EQ(bytes(), want.b);
+}
+
+TEST_F(Vlimg, CompressedLineIsABlockWithFlagsAndLength) {
+  PageSpec p;
+  p.width = 300;
+  p.height = 1;
+  p.compression = VLIMG_COMPRESSION_PACKBITS;
+  const Bytes px(300, 0x55);
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+  Hand want;
+  want.start().grey(300, 1, 8).end();
+  // PackBits takes no delta filter: 300 equal bytes are three runs.
+  want.u32(ZT_COMPRESS_ON | ZT_COMPRESS_PACKBITS).u32(6).raw({0x81, 0x55, 0x81, 0x55, 0xD5, 0x55});
+  EXPECT_EQ(bytes(), want.b);
+}
+
+// ---- Header reading -----------------------------------------------------------
+
+TEST_F(Vlimg, HeaderValuesSurviveARoundTrip) {
+  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_CREATE);
+  ASSERT_NE(f, nullptr);
+  const uint32_t w = 4, h = 1, comp = 7, type = 4, seps = 3, unit = 2, cs = 77, level = 0, pageno = 9;
+  const float xres = 720.5f;
+  const uint32_t bpp[3] = {8, 8, 8};
+  const uint8_t icc[5] = {1, 2, 3, 4, 5};
+  const VLIMG_Blob blob{icc, 5};
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_WIDTH, &w), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &h), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &comp), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_NUMSEPS, &seps), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &type), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_BPP_ARRAY32, bpp), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, "[2colour][Pantone 485|0:0,50:62,100:100]"), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_XRESOLUTION, &xres), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_RESOLUTIONUNIT, &unit), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_COLOURSPACE, &cs), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_DESCRIPTION, "proof of page 9"), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_ICCPROFILE, &blob), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_MIPMAPLEVEL, &level), 0);
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_PAGENUMBER, &pageno), 0);
+  const Bytes line(12, 3);
+  ASSERT_EQ(VLIMG_WriteScanline(f, line.data()), 0);
+  ASSERT_EQ(VLIMG_Close(f), 0);
+
+  f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+  ASSERT_NE(f, nullptr);
+  uint32_t v = 0;
+  EXPECT_EQ(VLIMG_NumPlanes(f), 3u);
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_COMPRESSION, &v), 0);
+  EXPECT_EQ(v, 7u);
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_RESOLUTIONUNIT, &v), 0);
+  EXPECT_EQ(v, 2u);
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_ORIENTATION, &v), 0);
+  EXPECT_EQ(v, 1u);  // the default
+  double d = 0;
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_COLOURSPACE_F64, &d), 0);
+  EXPECT_EQ(d, 77.0);
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_VERSION, &d), 0);
+  EXPECT_EQ(d, 6.0);
+  float fv = 0;
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_XRESOLUTION, &fv), 0);
+  EXPECT_EQ(fv, xres);
+  const char *text = nullptr;
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_SEPNAMES, &text), 0);
+  EXPECT_STREQ(text, "[2colour][Pantone 485|0:0,50:62,100:100]");
+  VLIMG_Blob got{};
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_ICCPROFILE, &got), 0);
+  ASSERT_EQ(got.length, 5u);
+  EXPECT_EQ(std::memcmp(got.data, icc, 5), 0);
+  uint32_t planes[3] = {};
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_BPP_ARRAY32, planes), 0);
+  EXPECT_EQ(planes[2], 8u);
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_NEWFILE, &v), 0);
+  EXPECT_EQ(v, 1u);
+  Bytes back(12);
+  EXPECT_EQ(VLIMG_ReadScanline(f, back.data()), 0);
+  EXPECT_EQ(back, line);
+  {
+    zt::test::LogCapture capture;
+    EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_SOFTWARE, &text), -1);
+    EXPECT_TRUE(capture.contains("Tag 17 is not set"));
+  }
+  VLIMG_Close(f);
+}
+
+struct BadHeader {
+  const char *name;
+  Bytes bytes;
+  const char *message;
+};
+
+// Each header breaks one rule; the reader must refuse it with its message.
+std::vector<BadHeader> bad_headers() {
+  std::vector<BadHeader> cases;
+  auto add = [&](const char *name, const Hand &h, const char *message) {
+    cases.push_back({name, h.b, message});
+  };
+  add("end first", Hand().prologue().end(), "width is undefined");
+  add("no height", Hand().start().item32(1, 4).end(), "height is undefined");
+  add("no compression", Hand().start().item32(1, 4).item32(2, 4).end(), "compression type is undefined");
+  add("no type", Hand().start().item32(1, 4).item32(2, 4).item16(3, 1).end(), "image type is undefined");
+  add("unknown compression", Hand().start().item32(1, 4).item32(2, 4).item16(3, 14).item16(5, 1).end(),
+      "Unsupported compression mode 14 encountered");
+  add("bad id", Hand().u8(0x42).u8(0x42).u32(0x0B0A1341).u32(0), "Not a VL IMG file id = b0a1341");
+  add("tag zero", Hand().start().head(0, 0, 0, 0), "undefined tag encountered");
+  add("numseps after type",
+      Hand().start().item32(1, 4).item32(2, 4).item16(3, 1).item16(5, 4).item32(22, 2).end(),
+      "Could not find numseps tag for Separated image");
+  add("unknown type", Hand().start().item16(5, 5), "Cannot handle imagetype 5");
+  add("bpp first", Hand().start().head(19, 2, 3, 1).u16(8), "Got bpp before colourspace");
+  add("bpp count", Hand().start().item16(5, 2).head(19, 4, 3, 2).u16(8).u16(8),
+      "Inconsistent number of planes. Expected 3 but got 2 instead");
+  add("bpp length", Hand().start().item16(5, 1).head(19, 4, 3, 1).u16(8).u16(8), "Failed to read bpp array");
+  add("seps first", Hand().start().head(21, 6, 2, 6).raw({'[', 'C', 'y', 'a', 'n', ']'}),
+      "Saw sep definitions before numseps");
+  add("seps text", Hand().start().item32(22, 1).head(21, 5, 2, 5).raw({'[', 'C', 'y', 'a', 'n'}),
+      "Problem parsing sep names");
+  add("dot gain",
+      Hand()
+          .start()
+          .item32(22, 1)
+          .head(21, 12, 2, 12)
+          .raw({'[', 'S', '|', '5', ':', '1', ',', '2', ':', '2', ']', ' '}),
+      "Problem parsing dotgain curve for specials");
+  add("short item", Hand().start().u32(40).u32(5).u16(0).u32(0), "below the 6 of a bare item");
+  add("long item", Hand().start().head(40, 1000, 0, 0).raw(Bytes(10, 0)), "runs past the end of the file");
+  add("cut short", Hand().start().grey(4, 4), "Read error while processing VLIMG header");
+  add("tiled without table", Hand().start().grey(4, 4).item32(23, 2).item32(24, 2).end(),
+      "corrupted tiled image encountered");
+  add("tile offset zero",
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(0)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1, 2}),
+      "Corrupt tile table encountered at tile 0, tile width = 2, tile height = 1, offset = 0");
+  add("tile too wide",
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(3)
+          .u32(1)
+          .u64(90)
+          .u32(2)
+          .u32(0)
+          .end(),
+      "Corrupt tile table encountered at tile 0, tile width = 3");
+  add("table count",
+      Hand().start().grey(4, 1).item32(23, 2).item32(24, 1).head(25, 24, 0x0B, 1).raw(Bytes(24, 1)).end(),
+      "the page has 2 tiles");
+  add("tile in header",
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(10)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1, 2}),
+      "overlaps the header");
+  add("tile past end",
+      Hand()
+          .start()
+          .grey(2, 1)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(244)
+          .u32(2)
+          .u32(0)
+          .end()
+          .raw({1}),
+      "lies past the end of the file");
+  add("tile block too big",
+      Hand()
+          .start()
+          .grey(2, 1, 7)
+          .item32(23, 2)
+          .item32(24, 1)
+          .head(25, 24, 0x0B, 1)
+          .u32(2)
+          .u32(1)
+          .u64(244)
+          .u32(40)
+          .u32(0)
+          .end()
+          .raw(Bytes(40, 0)),
+      "announces 40 bytes, more than it holds");
+  add("table beyond file",
+      Hand()
+          .start()
+          .grey(1000, 1000)
+          .item32(23, 10)
+          .item32(24, 10)
+          .head(25, 240000, 0x0B, 10000)
+          .raw(Bytes(64, 1)),
+      "Item 25 of 240000 bytes runs past the end of the file");
+  add("huge page",
+      Hand()
+          .start()
+          .item32(1, 0xFFFFFFFF)
+          .item32(2, 0xFFFFFFFF)
+          .item16(3, 1)
+          .item16(5, 8)
+          .head(20, 28, 0x0B, 7)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .u32(16)
+          .end(),
+      "is too large");
+  add("huge table",
+      Hand().start().grey(100000, 100000).item32(23, 1).item32(24, 1).head(25, 0, 0x0B, 0).end(),
+      "Tiles of 1 x 1");
+  return cases;
+}
+
+TEST_F(Vlimg, HostileHeadersAreRefusedWithTheirMessage) {
+  for (const BadHeader &c : bad_headers()) {
+    SCOPED_TRACE(c.name);
+    zt::test::LogCapture capture;
+    VLIMG_File *f = open_bytes(c.bytes);
+    EXPECT_EQ(f, nullptr);
+    VLIMG_Close(f);
+    EXPECT_TRUE(capture.contains(c.message)) << (capture.count() ? capture.lines()[0].message : "no log");
+  }
+}
+
+TEST_F(Vlimg, NonVlimgBytesFailSilently) {
+  zt::test::LogCapture capture;
+  EXPECT_EQ(open_bytes({'I', 'I', 42, 0, 8, 0, 0, 0}), nullptr);
+  EXPECT_EQ(capture.count(), 0u);
+}
+
+TEST_F(Vlimg, UnknownItemsAreSkippedByTheirLength) {
+  // A bare unknown item (length 6), one with a payload, and the never-written
+  // tags 4, 12, 13 and 18, between the required items.
+  Hand h;
+  h.start().head(99, 0, 0, 0).item32(1, 2).head(4, 3, 1, 3).raw({9, 9, 9}).item32(2, 1).head(12, 0, 0, 0);
+  h.item16(3, 1).head(13, 1, 0, 0).u8(1).item16(5, 1).head(18, 0, 0, 0).end().raw({5, 6});
+  VLIMG_File *f = open_bytes(h.b);
+  ASSERT_NE(f, nullptr);
+  Bytes line(2);
+  EXPECT_EQ(VLIMG_ReadScanline(f, line.data()), 0);
+  EXPECT_EQ(line, (Bytes{5, 6}));
+  VLIMG_Close(f);
+}
+
+TEST_F(Vlimg, DamagedDataFailsTheLineOrTileNotTheProcess) {
+  // A line block announcing more than a line holds, a raw block of the
+  // wrong size, unknown block flags and a deflate stream of garbage.
+  const std::vector<std::pair<Hand, const char *>> lines = {
+      {Hand().start().grey(4, 1, 7).end().u32(0x41).u32(9).raw(Bytes(9, 0)), "more than the line's 4"},
+      {Hand().start().grey(4, 1, 7).end().u32(0).u32(3).raw(Bytes(3, 0)),
+       "A raw block of 3 bytes should hold 4"},
+      {Hand().start().grey(4, 1, 7).end().u32(0x41 | 0x800).u32(3).raw(Bytes(3, 0)),
+       "Unknown block flags 0x841"},
+      {Hand().start().grey(4, 1, 7).end().u32(0x41).u32(3).raw({1, 2, 3}), "Cannot read line 0"},
+      {Hand().start().grey(4, 2).end().raw({1, 2, 3, 4, 5}), "Cannot read line 1"},
+  };
+  for (const auto &[hand, message] : lines) {
+    SCOPED_TRACE(message);
+    VLIMG_File *f = open_bytes(hand.b);
+    ASSERT_NE(f, nullptr);
+    Bytes line(4);
+    zt::test::LogCapture capture;
+    int32_t r = VLIMG_ReadScanline(f, line.data());
+    if (r == 0) r = VLIMG_ReadScanline(f, line.data());
+    EXPECT_EQ(r, -1);
+    EXPECT_TRUE(capture.contains(message));
+    VLIMG_Close(f);
+  }
+}
+
+// A 2 KB file may declare a page of ten giga-pixels; opening it must not
+// commit memory for the page, only for what is read.
+TEST_F(Vlimg, AnnouncedSizesCostNothingUntilDataIsRead) {
+  Hand h;
+  h.start().item32(1, 100000).item32(2, 100000).item16(3, 7).item16(5, 3).end();
+  h.raw(Bytes(2048 - h.b.size(), 0));
+  put(h.b, "big.vlimg");
+  const size_t before = mallinfo2().uordblks;
+  VLIMG_File *f = VLIMG_Open(path("big.vlimg").c_str(), VLIMG_MODE_READ);
+  ASSERT_NE(f, nullptr);
+  EXPECT_LT(mallinfo2().uordblks - before, size_t{8} << 20);
+  EXPECT_EQ(VLIMG_BytesPerLine(f), 400000u);
+  VLIMG_Close(f);
+}
+
+// ---- Round trips ----------------------------------------------------------------
+
+struct Layout {
+  const char *name;
+  PageSpec spec;
+};
+
+std::vector<Layout> layouts() {
+  std::vector<Layout> out;
+  auto add = [&](const char *name, uint32_t type, std::vector<uint32_t> bpp, uint32_t tw, uint32_t th,
+                 uint32_t numseps = 0, std::string seps = "") {
+    PageSpec p;
+    p.width = 37;
+    p.height = 23;
+    p.type = type;
+    p.bpp = std::move(bpp);
+    p.tile_w = tw;
+    p.tile_h = th;
+    p.numseps = numseps;
+    p.seps = std::move(seps);
+    out.push_back({name, p});
+  };
+  add("grey8 lines", 1, {}, 0, 0);
+  add("grey1 lines", 10, {1}, 0, 0);
+  add("rgb8 tiles", 2, {}, 16, 8);
+  add("cmyk8 tiles", 3, {}, 16, 8);
+  add("cmyk16 lines", 3, {16, 16, 16, 16}, 0, 0);
+  add("cmyk16 tiles", 3, {16, 16, 16, 16}, 16, 8);
+  add("lab mixed tiles", 9, {8, 16, 8}, 16, 8);
+  add("grey1 odd tiles", 10, {1}, 5, 4);
+  add("sep5 tiles", 4, {}, 16, 8, 5, "[4colour][Spot|0:0,100:90]");
+  add("cmykogv lines", 8, {}, 0, 0);
+  add("hexa4 tiles", 6, {4, 4, 4, 4, 4, 4}, 7, 3);
+  add("one tile bigger than page", 3, {}, 64, 64);
+  return out;
+}
+
+constexpr uint32_t kCompressions[] = {1, 5, 7, 8, 10, 11, 13};
+
+TEST_F(Vlimg, EveryLayoutDepthAndCodecRoundTrips) {
+  setCompressDefaultAlgorithm(ZT_COMPRESS_LZ4);
+  for (const Layout &l : layouts())
+    for (uint32_t c : kCompressions) {
+      SCOPED_TRACE(std::string(l.name) + " compression " + std::to_string(c));
+      PageSpec p = l.spec;
+      p.compression = c;
+      const Bytes px = make_pixels(p, c);
+      ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+      VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+      ASSERT_NE(f, nullptr);
+      Bytes back;
+      EXPECT_TRUE(read_page(f, &back));
+      EXPECT_EQ(back, px);
+      VLIMG_Close(f);
+    }
+  setCompressDefaultAlgorithm(0);
+}
+
+TEST_F(Vlimg, CompressedPagesAreSmaller) {
+  PageSpec p;
+  p.width = 512;
+  p.height = 64;
+  p.type = 3;
+  p.tile_w = 128;
+  p.tile_h = 32;
+  Bytes px(512 * 4 * 64, 0x33);
+  for (uint32_t c : {5u, 7u, 8u, 11u, 13u}) {
+    p.compression = c;
+    ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+    EXPECT_LT(bytes().size(), px.size() / 4) << "compression " << c;
+  }
+}
+
+TEST_F(Vlimg, ScanlineBuffersByPixelAndByLine) {
+  PageSpec p;
+  p.width = 9;
+  p.height = 2;
+  p.type = 2;
+  p.bpp = {16, 16, 16};
+  p.compression = 7;
+  const Bytes px = make_pixels(p, 3);
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
+  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+  ASSERT_NE(f, nullptr);
+  ScanlineBuf *by_pixel = scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 16, 3, 0, 9, 1, 0);
+  ScanlineBuf *by_line = scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 16, 3, 0, 9, 1, 0);
+  ASSERT_EQ(VLIMG_ReadScanlineSB(f, by_pixel), 0);
+  EXPECT_EQ(std::memcmp(by_pixel->data, px.data(), 54), 0);
+  ASSERT_EQ(VLIMG_ReadScanlineSB(f, by_line), 0);
+  for (uint32_t c = 0; c < 3; ++c)
+    for (uint32_t x = 0; x < 9; ++x)
+      EXPECT_EQ(std::memcmp(by_line->data + c * by_line->bytesPerPlaneRow + x * 2,
+                            px.data() + 54 + (x * 3 + c) * 2, 2),
+                0);
+  // Back through the writer from the by-line buffer gives the same line.
+  VLIMG_File *w = VLIMG_Open(path("copy.vlimg").c_str(), VLIMG_MODE_CREATE);
+  const uint32_t one = 1;
+  VLIMG_SetField(w, VLIMG_TAG_WIDTH, &p.width);
+  VLIMG_SetField(w, VLIMG_TAG_HEIGHT, &one);
+  VLIMG_SetField(w, VLIMG_TAG_COMPRESSION, &p.compression);
+  VLIMG_SetField(w, VLIMG_TAG_IMAGETYPE, &p.type);
+  VLIMG_SetField(w, VLIMG_TAG_BPP_ARRAY, p.bpp.data());
+  EXPECT_EQ(VLIMG_WriteScanlineSB(w, by_line), 0);
+  EXPECT_EQ(VLIMG_Close(w), 0);
+  VLIMG_File *r = VLIMG_Open(path("copy.vlimg").c_str(), VLIMG_MODE_READ);
+  Bytes line(54);
+  EXPECT_EQ(VLIMG_ReadScanline(r, line.data()), 0);
+  EXPECT_EQ(std::memcmp(line.data(), px.data() + 54, 54), 0);
+  {
+    zt::test::LogCapture capture;
+    ScanlineBuf *wrong = scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 8, 3, 0, 9, 1, 0);
+    EXPECT_EQ(VLIMG_ReadScanlineSB(f, wrong), -1);
+    EXPECT_TRUE(capture.contains("does not match"));
+    scanlinebufFree(wrong);
+  }
+  VLIMG_Close(r);
+  scanlinebufFree(by_pixel);
+  scanlinebufFree(by_line);
+  VLIMG_Close(f);
+}
+
+// ---- Writer rules -------------------------------------------------------------------
+
+TEST_F(Vlimg, WriterRefusesIncompleteHeadersAndMixedLayouts) {
+  const uint32_t four = 4, one = 1, sep = 4, two = 2;
+  {
+    zt::test::LogCapture capture;
+    VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_CREATE);
+    Bytes line(16);
+    EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), -1);
+    EXPECT_TRUE(capture.contains("width is undefined"));
+    VLIMG_SetField(f, VLIMG_TAG_WIDTH, &four);
+    VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &four);
+    VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &one);
+    EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), -1);
+    EXPECT_TRUE(capture.contains("image type is undefined"));
+    EXPECT_EQ(VLIMG_SetField(f, VLIMG_TAG_BPP_ARRAY, &one), -1);
+    EXPECT_TRUE(capture.contains("Got bpp before colourspace"));
+    VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &sep);
+    EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), -1);
+    EXPECT_TRUE(capture.contains("numseps is undefined"));
+    VLIMG_SetField(f, VLIMG_TAG_NUMSEPS, &two);
+    VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, "[Cyan]");
+    EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), -1);
+    EXPECT_TRUE(
+        capture.contains("Not all separation names are defined, sepname array length = 1, numseps = 2"));
+    VLIMG_SetField(f, VLIMG_TAG_SEPNAMES, "[Cyan][Black]");
+    EXPECT_EQ(VLIMG_WriteScanline(f, line.data()), 0);
+    EXPECT_EQ(VLIMG_WriteTile(f, 0, line.data(), 8), -1);
+    EXPECT_TRUE(
+        capture.contains("VLIMG_WriteScanline has already been called. You can either use VLIMG_WriteTile or "
+                         "VLIMG_WriteScanline but not both."));
+    EXPECT_EQ(VLIMG_EnableTiling(f, 2, 2), -1);
+    EXPECT_TRUE(capture.contains("Cannot enable tiled mode"));
+    EXPECT_EQ(VLIMG_SetField(f, VLIMG_TAG_WIDTH, &one), -1);
+    EXPECT_TRUE(capture.contains("Header has already been written"));
+    // Three lines missing: the page is not finished, and Close says so.
+    EXPECT_EQ(VLIMG_Close(f), -1);
+    EXPECT_TRUE(capture.contains("Page is incomplete: 1 of 4 lines written"));
+  }
+  {
+    zt::test::LogCapture capture;
+    VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_CREATE);
+    VLIMG_SetField(f, VLIMG_TAG_WIDTH, &four);
+    VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &four);
+    VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &one);
+    VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &one);
+    VLIMG_EnableTiling(f, 2, 2);
+    Bytes tile(4, 1);
+    EXPECT_EQ(VLIMG_WriteTile(f, 0, tile.data(), 2), 0);
+    EXPECT_EQ(VLIMG_WriteTile(f, 0, tile.data(), 2), -1);
+    EXPECT_TRUE(capture.contains("Tile 0 has already been written"));
+    EXPECT_EQ(VLIMG_WriteTile(f, 4, tile.data(), 2), -1);
+    EXPECT_TRUE(capture.contains("Tile 4 does not exist; the page has 4"));
+    EXPECT_EQ(VLIMG_WriteScanline(f, tile.data()), -1);
+    EXPECT_TRUE(capture.contains("Page is tiled"));
+    EXPECT_EQ(VLIMG_Close(f), -1);
+    EXPECT_TRUE(capture.contains("Page is incomplete: 1 of 4 tiles written"));
+  }
+}
+
+TEST_F(Vlimg, OpenModesAndTheirMessages) {
+  zt::test::LogCapture capture;
+  EXPECT_EQ(VLIMG_Open(nullptr, 1), nullptr);
+  EXPECT_TRUE(capture.contains("NULL filename passed"));
+  EXPECT_EQ(VLIMG_Open(path().c_str(), 3), nullptr);
+  EXPECT_EQ(capture.count(), 1u);
+  EXPECT_EQ(VLIMG_Open(path().c_str(), 6), nullptr);
+  EXPECT_TRUE(capture.contains("Unknown open mode 6"));
+  EXPECT_EQ(VLIMG_Open(path("missing").c_str(), 1), nullptr);
+  EXPECT_TRUE(capture.contains("Cannot open " + path("missing") + " for read"));
+  EXPECT_EQ(VLIMG_Open((dir_.path() + "/no/such/dir").c_str(), 2), nullptr);
+  EXPECT_TRUE(capture.contains("for write"));
+}
+
+// ---- Page chains ----------------------------------------------------------------------
+
+TEST_F(Vlimg, AppendedPagesAreFoundByNumber) {
+  std::vector<Bytes> pages;
+  std::vector<PageSpec> specs;
+  for (uint32_t i = 0; i < 4; ++i) {
+    PageSpec p;
+    p.width = 10 + i * 7;
+    p.height = 3 + i;
+    p.type = i % 2 ? 3 : 1;
+    p.compression = kCompressions[i];
+    if (i == 2) p.tile_w = p.tile_h = 4;
+    specs.push_back(p);
+    pages.push_back(make_pixels(p, i));
+    ASSERT_EQ(write_page(path(), i == 0 ? VLIMG_MODE_CREATE : VLIMG_MODE_APPEND, p, pages.back()), 0);
+  }
+  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+  ASSERT_NE(f, nullptr);
+  for (uint32_t i : {3u, 0u, 2u, 1u}) {
+    SCOPED_TRACE(i);
+    ASSERT_EQ(VLIMG_SeekToPage(f, i), 0);
+    Bytes back;
+    EXPECT_TRUE(read_page(f, &back));
+    EXPECT_EQ(back, pages[i]);
+    // Going back to the start of the data reads the page again.
+    if (!VLIMG_IsTiled(f)) {
+      ASSERT_EQ(VLIMG_GoToStartOfData(f), 0);
+      EXPECT_TRUE(read_page(f, &back));
+      EXPECT_EQ(back, pages[i]);
+    }
+  }
+  {
+    zt::test::LogCapture capture;
+    EXPECT_EQ(VLIMG_SeekToPage(f, 4), -1);
+    EXPECT_TRUE(capture.contains("Cannot find page 4: the file has 4"));
+  }
+  VLIMG_Close(f);
+  VLIMG_File *at = VLIMG_OpenAtPage(path().c_str(), 2);
+  ASSERT_NE(at, nullptr);
+  uint32_t width = 0;
+  VLIMG_GetField(at, VLIMG_TAG_WIDTH, &width);
+  EXPECT_EQ(width, 24u);
+  VLIMG_Close(at);
+}
+
+TEST_F(Vlimg, SinglePageHasNoSecondPage) {
+  PageSpec p;
+  p.width = p.height = 2;
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, Bytes(4, 1)), 0);
+  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+  uint64_t next = 1;
+  EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_NEXTPAGE, &next), 0);
+  EXPECT_EQ(next, 0u);
+  zt::test::LogCapture capture;
+  EXPECT_EQ(VLIMG_SeekToPage(f, 1), -1);
+  EXPECT_EQ(VLIMG_OpenAtPage(path().c_str(), 1), nullptr);
+  EXPECT_TRUE(capture.contains("Cannot open " + path() + " at page 1"));
+  VLIMG_Close(f);
+}
+
+TEST_F(Vlimg, LoopingChainIsRefused) {
+  // Page 1's next-page item points at page 1 itself.
+  Hand p0;
+  p0.prologue().version().item32(31, 1).next(0).grey(1, 1).end().u8(7);
+  const uint64_t second = p0.b.size();
+  Hand all;
+  all.prologue().version().item32(31, 1).next(second).grey(1, 1).end().u8(7);
+  all.prologue().version().next(second).grey(1, 1).end().u8(8);
+  put(all.b);
+  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+  ASSERT_NE(f, nullptr);
+  zt::test::LogCapture capture;
+  EXPECT_EQ(VLIMG_SeekToPage(f, 5), -1);
+  EXPECT_TRUE(capture.contains("loops back"));
+  VLIMG_Close(f);
+  EXPECT_EQ(VLIMG_Open(path().c_str(), VLIMG_MODE_APPEND), nullptr);
+  EXPECT_TRUE(capture.contains("loops back"));
+}
+
+// ---- Crop ------------------------------------------------------------------------------
+
+TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
+  for (const Layout &l : layouts()) {
+    SCOPED_TRACE(l.name);
+    PageSpec p = l.spec;
+    p.compression = 7;
+    const Bytes px = make_pixels(p, 11);
+    ASSERT_EQ(write_page(path("src.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
+    {
+      zt::test::LogCapture capture;
+      ASSERT_EQ(VLIMG_CropFileToFile(path("src.vlimg").c_str(), path("crop.vlimg").c_str(), 0, 3, 5, 29, 17),
+                0)
+          << (capture.count() ? capture.lines()[0].message : "");
+    }
+    PageSpec c = p;
+    c.width = 29;
+    c.height = 17;
+    Bytes want(line_of(c, 29) * 17, 0);
+    for (uint32_t y = 0; y < 17; ++y)
+      copy_bits(want.data() + y * line_of(c, 29), px.data() + (y + 5) * line_of(p, p.width),
+                size_t{3} * bits_of(p), size_t{29} * bits_of(p));
+    VLIMG_File *f = VLIMG_Open(path("crop.vlimg").c_str(), VLIMG_MODE_READ);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(VLIMG_IsTiled(f), p.tile_w ? 1 : 0);
+    Bytes back;
+    EXPECT_TRUE(read_page(f, &back));
+    EXPECT_EQ(back, want);
+    VLIMG_Close(f);
+  }
+  zt::test::LogCapture capture;
+  EXPECT_EQ(VLIMG_CropFileToFile(path("src.vlimg").c_str(), path("bad.vlimg").c_str(), 0, 30, 0, 8, 1), -1);
+  EXPECT_TRUE(capture.contains("Ridiculous crop values detected"));
+  EXPECT_NE(access(path("bad.vlimg").c_str(), F_OK), 0);
+}
+
+// ---- Threads, growing files, full disks --------------------------------------------------
+
+class VlimgMT : public Vlimg {};
+
+TEST_F(VlimgMT, ThreadCountDoesNotChangeTheBytes) {
+  PageSpec p;
+  p.width = 300;
+  p.height = 200;
+  p.type = 3;
+  p.tile_w = 64;
+  p.tile_h = 32;
+  for (uint32_t c : {5u, 7u, 13u}) {
+    SCOPED_TRACE(c);
+    p.compression = c;
+    const Bytes px = make_pixels(p, c);
+    VLIMGSetupThreads(1);
+    ASSERT_EQ(write_page(path("one.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
+    VLIMGSetupThreads(3);
+    ASSERT_EQ(write_page(path("three.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
+    EXPECT_EQ(bytes("one.vlimg"), bytes("three.vlimg"));
+    VLIMG_File *f = VLIMG_Open(path("one.vlimg").c_str(), VLIMG_MODE_READ);
+    Bytes back;
+    EXPECT_TRUE(read_page(f, &back));
+    EXPECT_EQ(back, px);
+    VLIMG_Close(f);
+  }
+}
+
+TEST_F(VlimgMT, ReaderFollowsAGrowingFile) {
+  PageSpec p;
+  p.width = 1000;
+  p.height = 200;
+  p.compression = 13;
+  const Bytes px = make_pixels(p, 5);
+  VLIMG_File *w = VLIMG_Open(path().c_str(), VLIMG_MODE_CREATE);
+  VLIMG_SetField(w, VLIMG_TAG_WIDTH, &p.width);
+  VLIMG_SetField(w, VLIMG_TAG_HEIGHT, &p.height);
+  VLIMG_SetField(w, VLIMG_TAG_COMPRESSION, &p.compression);
+  VLIMG_SetField(w, VLIMG_TAG_IMAGETYPE, &p.type);
+  ASSERT_EQ(VLIMG_WriteScanline(w, px.data()), 0);
+  ASSERT_EQ(VLIMG_Flush(w), 0);
+  std::atomic<bool> writer_ok{true};
+  std::thread writer([&] {
+    for (uint32_t y = 1; y < p.height; ++y) {
+      if (VLIMG_WriteScanline(w, px.data() + y * 1000) != 0 || VLIMG_Flush(w) != 0) writer_ok = false;
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  });
+  VLIMG_File *r = VLIMG_Open(path().c_str(), VLIMG_MODE_READ_GROWING);
+  ASSERT_NE(r, nullptr);
+  Bytes back(px.size());
+  bool ok = true;
+  for (uint32_t y = 0; ok && y < p.height; ++y) ok = VLIMG_ReadScanline(r, back.data() + y * 1000) == 0;
+  writer.join();
+  EXPECT_TRUE(ok);
+  EXPECT_TRUE(writer_ok);
+  EXPECT_EQ(back, px);
+  EXPECT_EQ(VLIMG_Close(w), 0);
+  VLIMG_Close(r);
+}
+
+// A file size limit makes the kernel cut writes short the way a full disk does.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    old_handler_ = signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &old_);
+    rlimit limit = old_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, old_handler_);
+  }
+
+ private:
+  rlimit old_{};
+  sighandler_t old_handler_;
+};
+
+TEST_F(Vlimg, ShortWriteFailsAndLeavesNoPageInTheChain) {
+  PageSpec p;
+  p.width = 64;
+  p.height = 64;
+  ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, make_pixels(p, 1)), 0);
+  const Bytes first = bytes();
+  PageSpec big;
+  big.width = 4000;
+  big.height = 100;
+  big.type = 3;
+  big.tile_w = big.tile_h = 64;
+  for (uint32_t c : {1u, 13u}) {
+    SCOPED_TRACE(c);
+    big.compression = c;
+    int32_t r = 0;
+    zt::test::LogCapture capture;
+    {
+      FileSizeLimit limit(first.size() + 100000);
+      r = write_page(path(), VLIMG_MODE_APPEND, big, make_pixels(big, 2));
+    }
+    EXPECT_EQ(r, -1);
+    EXPECT_TRUE(capture.contains("Failed to write to disk"));
+    // The first page still ends the chain: the broken one is unreachable.
+    VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(VLIMG_SeekToPage(f, 1), -1);
+    EXPECT_EQ(VLIMG_SeekToPage(f, 0), 0);
+    VLIMG_Close(f);
+  }
+  // New file, scanlines: the failure reaches the writer of the lines.
+  zt::test::LogCapture capture;
+  FileSizeLimit limit(50000);
+  big.tile_w = big.tile_h = 0;
+  big.compression = 1;
+  EXPECT_EQ(write_page(path("new.vlimg"), VLIMG_MODE_CREATE, big, make_pixels(big, 3)), -1);
+  EXPECT_TRUE(capture.contains("Failed to write to disk"));
+}
+
+}  // namespace
