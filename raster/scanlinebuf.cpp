@@ -7,7 +7,6 @@
 #include <cstring>
 #include <vector>
 
-#include "foundation/checked_size.h"
 #include "foundation/internal.h"
 #include "raster/buf_internal.h"
 #include "raster/row_dither.h"
@@ -43,10 +42,9 @@ bool allocation_bytes(const ScanlineBuf *rec, uint32_t flags, size_t *bytes) {
   if ((flags & ZT_SLB_PAD32) != 0) row += 32;
   if ((flags & ZT_SLB_ALIGNED) != 0) row = (row + 15) / 16 * 16 + 16;
   // Aligned blocks are rounded up to 16 bytes once more when allocated.
-  size_t total = 0, rounded = 0;
-  if (!zt::checked_product({row, rec->channels, rec->lines}, &total) || !zt::checked_sum(total, 15, &rounded))
-    return false;
-  *bytes = total;
+  uint64_t total = 0;
+  if (!zt::checked_mul(row, rec->channels, rec->lines, &total) || total > SIZE_MAX - 15) return false;
+  *bytes = static_cast<size_t>(total);
   return true;
 }
 

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <unordered_set>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/vlimg_internal.h"
 
 using zt::api_guard;

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <unordered_set>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/vlimg_internal.h"
 
 namespace zt::raster::vlimg {

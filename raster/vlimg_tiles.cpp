@@ -10,7 +10,7 @@
 #include <cstring>
 #include <numeric>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/vlimg_internal.h"
 
 namespace zt::raster::vlimg {

@@ -10,7 +10,7 @@
 #include <memory>
 #include <unordered_set>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/vlimg_internal.h"
 
 using namespace zt::raster::vlimg;

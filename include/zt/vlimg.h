@@ -27,7 +27,7 @@
 
 #include <stdint.h>
 #include <zt/scanlinebuf.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 
