@@ -17,6 +17,7 @@
 #include "raster/interleave_internal.h"
 
 #include <zt/dither.h>
+#include <zt/imagebuf.h>
 #include <zt/init.h>
 #include <zt/packets.h>
 #include <zt/random.h>
@@ -55,6 +56,7 @@ ZT_API void ZT_InitSubSystems(void) {
   ZT_packetsInitSubSystem();
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
+  ZT_ImageBufInitSubSystem();
   ditherStaticInit();
   resampleStaticInit();
   ZTCMSStaticInit();
@@ -71,6 +73,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   // The pool ends the periodic thread, so the task records can go after it.
   threadpoolStaticFree();
   zt::periodic_free_all();
+  ZT_ImageBufDeinitSubSystem();
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();

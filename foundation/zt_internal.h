@@ -42,6 +42,21 @@ R api_guard(const char *module, const char *function, R fail, F &&body) noexcept
   return fail;
 }
 
+// The product of sizes that come from a caller, a file or a peer, refused on
+// overflow: every such size goes through here before it is allocated or used
+// to index memory. False (and *out untouched) when the product does not fit.
+template <typename T, typename... Rest>
+[[nodiscard]] bool checked_mul(T *out, uint64_t first, Rest... rest) noexcept {
+  uint64_t product = first;
+  bool fits = true;
+  ((fits = fits && !__builtin_mul_overflow(product, static_cast<uint64_t>(rest), &product)), ...);
+  if (!fits) return false;
+  T narrowed;
+  if (__builtin_add_overflow(product, uint64_t{0}, &narrowed)) return false;
+  *out = narrowed;
+  return true;
+}
+
 template <typename F>
 void api_guard_void(const char *module, const char *function, F &&body) noexcept {
   api_guard<int>(module, function, 0, [&] {
