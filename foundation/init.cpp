@@ -15,6 +15,7 @@
 #include "foundation/startup.h"
 #include "raster/buf_internal.h"
 #include "raster/interleave_internal.h"
+#include "raster/vlimg_internal.h"
 
 #include <zt/dither.h>
 #include <zt/imagebuf.h>
@@ -58,6 +59,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::raster::interleave_kernels_init();
   ZT_ImageBufInitSubSystem();
   ditherStaticInit();
+  zt::raster::vlimg::vlimg_static_init();
   resampleStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
@@ -77,6 +79,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();
+  zt::raster::vlimg::vlimg_static_free();
   ditherStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();

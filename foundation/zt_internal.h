@@ -42,19 +42,16 @@ R api_guard(const char *module, const char *function, R fail, F &&body) noexcept
   return fail;
 }
 
-// The product of sizes that come from a caller, a file or a peer, refused on
-// overflow: every such size goes through here before it is allocated or used
-// to index memory. False (and *out untouched) when the product does not fit.
-template <typename T, typename... Rest>
-[[nodiscard]] bool checked_mul(T *out, uint64_t first, Rest... rest) noexcept {
-  uint64_t product = first;
-  bool fits = true;
-  ((fits = fits && !__builtin_mul_overflow(product, static_cast<uint64_t>(rest), &product)), ...);
-  if (!fits) return false;
-  T narrowed;
-  if (__builtin_add_overflow(product, uint64_t{0}, &narrowed)) return false;
-  *out = narrowed;
-  return true;
+// The product of sizes that come from a file, a caller or a peer: false when it
+// does not fit in 64 bits, so a wrapped size never reaches an allocation, a
+// seek or an index. Every such product in the library goes through here.
+[[nodiscard]] inline bool checked_mul(uint64_t a, uint64_t b, uint64_t *out) noexcept {
+  return !__builtin_mul_overflow(a, b, out);
+}
+template <typename... More>
+[[nodiscard]] inline bool checked_mul(uint64_t a, uint64_t b, uint64_t c, More... more) noexcept {
+  uint64_t ab = 0;
+  return checked_mul(a, b, &ab) && checked_mul(ab, c, more...);
 }
 
 template <typename F>

@@ -395,10 +395,11 @@ int32_t store_set_tiles(Store &store, uint32_t tile_w, uint32_t tile_h, const ch
   }
   const uint32_t across = static_cast<uint32_t>((uint64_t{store.width} + tile_w - 1) / tile_w);
   const uint32_t down = static_cast<uint32_t>((uint64_t{store.height} + tile_h - 1) / tile_h);
-  size_t count = 0, tile_bytes = 0, compressed = 0;
+  uint64_t count = 0, tile_bytes = 0;
+  size_t compressed = 0;
   // Tile numbers are 32-bit and codec lengths are 32-bit, twice the tile at most.
-  if (!checked_mul(&count, across, down) || count >= UINT32_MAX ||
-      !checked_mul(&tile_bytes, tile_w, tile_h, store.bytes_per_pixel) || tile_bytes > UINT32_MAX / 2) {
+  if (!checked_mul(across, down, &count) || count >= UINT32_MAX ||
+      !checked_mul(tile_w, tile_h, store.bytes_per_pixel, &tile_bytes) || tile_bytes > UINT32_MAX / 2) {
     ZT_LOG(kImageBufModule, function, "Tile table of %u x %u tiles of %u x %u pixels is too large", across, down,
            tile_w, tile_h);
     return -1;

@@ -1,0 +1,496 @@
+// Pixel data: scanlines and tiles, each compressed block prefixed by its block
+// flags and stored length so that a reader can check it before decoding.
+// Tiles are coded by worker slots on the task queue; the writer puts them in
+// the file in the order they were handed over, so the bytes do not depend on
+// the number of threads.
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <numeric>
+
+#include "foundation/zt_internal.h"
+#include "raster/vlimg_internal.h"
+
+namespace zt::raster::vlimg {
+
+namespace {
+
+std::atomic<uint32_t> g_threads{1};
+std::atomic<ZT_TaskQueue *> g_queue{nullptr};
+std::atomic<ZT_TaskQueue *> g_io_queue{nullptr};
+
+void swap16(uint8_t *dst, const uint8_t *src, size_t n) {
+  for (size_t i = 0; i + 1 < n; i += 2) {
+    const uint8_t a = src[i], b = src[i + 1];
+    dst[i] = b;
+    dst[i + 1] = a;
+  }
+  if (n & 1) dst[n - 1] = src[n - 1];
+}
+
+constexpr uint32_t kCodecBits = ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE |
+                                ZT_COMPRESS_LZJB | ZT_COMPRESS_LZ4;
+
+}  // namespace
+
+uint32_t configured_threads() { return g_threads.load(); }
+void vlimg_static_init() {
+  g_queue.store(pthread_taskq_get_default());
+  g_io_queue.store(pthread_taskq_get_iobound_default());
+}
+void vlimg_static_free() {
+  g_queue.store(nullptr);
+  g_io_queue.store(nullptr);
+}
+ZT_TaskQueue *tile_queue() { return g_queue.load(); }
+
+int32_t setup_threads(uint32_t threads) {
+  if (threads == 0) threads = ZT_numberOfLogicalCPUS();
+  g_threads.store(std::clamp<uint32_t>(threads, 1, 64));
+  return 0;
+}
+
+uint64_t line_bytes(const Header &h) { return (uint64_t{h.width} * h.bits_per_pixel + 7) / 8; }
+uint64_t tile_line_bytes(const Header &h, uint32_t width) { return (uint64_t{width} * h.bits_per_pixel + 7) / 8; }
+
+uint32_t tile_count(const Header &h) {
+  if (!h.tiled()) return 0;
+  const uint64_t across = (uint64_t{h.width} + h.tile_width - 1) / h.tile_width;
+  const uint64_t down = (uint64_t{h.height} + h.tile_height - 1) / h.tile_height;
+  uint64_t n = 0;
+  if (!checked_mul(across, down, &n) || n > UINT32_MAX / kTileEntrySize) return 0;
+  return static_cast<uint32_t>(n);
+}
+
+bool tile_rect(const Header &h, uint32_t index, uint32_t *x, uint32_t *y, uint32_t *w, uint32_t *hh) {
+  if (!h.tiled() || index >= tile_count(h)) return false;
+  const uint32_t across = static_cast<uint32_t>((uint64_t{h.width} + h.tile_width - 1) / h.tile_width);
+  *x = (index % across) * h.tile_width;
+  *y = (index / across) * h.tile_height;
+  *w = std::min(h.tile_width, h.width - *x);
+  *hh = std::min(h.tile_height, h.height - *y);
+  return true;
+}
+
+bool prepare_codec(VLIMG_File *f, const char *fn) {
+  Codec &c = f->codec;
+  const Header &h = f->h;
+  c = Codec{};
+  c.compression = h.compression;
+  c.swap16 = std::all_of(h.bpp.begin(), h.bpp.end(), [](uint32_t b) { return b == 16; });
+  c.sample_bits = c.swap16 ? 16 : 8;
+  if (c.compression != 1) {
+    c.flags = ZT_CompressFlagsFromVLIMG(c.compression, 0);
+    if (c.flags == 0) return false;
+  }
+  const uint32_t n = h.tiled() && f->threads > 1 ? f->threads * 2 : 1;
+  f->slots.clear();
+  f->pending = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    auto s = std::make_unique<Slot>();
+    if (c.compression != 1) {
+      // 16-bit samples are differenced here in host order, before they are
+      // put in file order; the compressor only sees the result.
+      const uint32_t flags = c.swap16 ? c.flags & ~ZT_COMPRESS_DELTA : c.flags;
+      if (f->writing) {
+        s->compressor.reset(ZT_CompressInit(flags, 8));
+        if (!s->compressor) return false;
+      } else {
+        s->decompressor.reset(ZT_DecompressInit(flags, 8));
+        if (!s->decompressor) return false;
+      }
+    }
+    s->file = f;
+    s->function = fn;
+    f->slots.push_back(std::move(s));
+  }
+  return true;
+}
+
+bool encode_block(const Codec &c, Slot &s, const uint8_t *src, uint32_t n) {
+  if (c.compression == 1) {
+    s.stored.resize(n);
+    if (c.swap16)
+      swap16(s.stored.data(), src, n);
+    else
+      std::memcpy(s.stored.data(), src, n);
+    s.stored_size = n;
+    s.block_flags = 0;
+    return true;
+  }
+  s.stored.resize(size_t{n} + kBlockHeaderSize);
+  uint8_t *payload = s.stored.data() + kBlockHeaderSize;
+  uint32_t flags = 0, size = 0;
+  const bool delta16 = c.swap16 && (c.flags & ZT_COMPRESS_DELTA);
+  if (c.swap16) {
+    s.scratch.resize(n);
+    if (delta16)
+      deltaEncodeToBuffer(src, s.scratch.data(), n, 16);
+    else
+      std::memcpy(s.scratch.data(), src, n);
+    swap16(s.scratch.data(), s.scratch.data(), n);
+    size = ZT_Compress(s.compressor.get(), s.scratch.data(), payload, n, n, &flags);
+  } else {
+    size = ZT_Compress(s.compressor.get(), src, payload, n, n, &flags);
+  }
+  if (size == ZT_COMPRESS_ERROR) return false;
+  if (size == 0 || size >= n) {
+    // Nothing shrank the block: it is stored as it is, in file order.
+    if (c.swap16)
+      swap16(payload, src, n);
+    else
+      std::memcpy(payload, src, n);
+    flags = 0;
+    size = n;
+  } else if (delta16) {
+    flags |= ZT_COMPRESS_DELTA;
+  }
+  put_be32(s.stored.data(), flags);
+  put_be32(s.stored.data() + 4, size);
+  s.stored_size = size + kBlockHeaderSize;
+  s.block_flags = flags;
+  return true;
+}
+
+bool decode_block(const Codec &c, Slot &s, const uint8_t *stored, uint32_t stored_size, uint8_t *dst,
+                  uint32_t n, const char *fn) {
+  if (c.compression == 1) {
+    if (stored_size != n) return false;
+    if (c.swap16)
+      swap16(dst, stored, n);
+    else
+      std::memcpy(dst, stored, n);
+    return true;
+  }
+  if (stored_size < kBlockHeaderSize) return false;
+  const uint32_t flags = get_be32(stored), size = get_be32(stored + 4);
+  const uint8_t *payload = stored + kBlockHeaderSize;
+  if (size != stored_size - kBlockHeaderSize || size > n) {
+    ZT_LOG(kModule, fn, "A block announces %u bytes where %u are stored and at most %u are allowed", size,
+           stored_size - kBlockHeaderSize, n);
+    return false;
+  }
+  if (flags == 0) {
+    if (size != n) {
+      ZT_LOG(kModule, fn, "A raw block of %u bytes should hold %u", size, n);
+      return false;
+    }
+    if (c.swap16)
+      swap16(dst, payload, n);
+    else
+      std::memcpy(dst, payload, n);
+    return true;
+  }
+  const uint32_t codec = flags & kCodecBits;
+  if ((flags & ~(kCodecBits | ZT_COMPRESS_ON | ZT_COMPRESS_DELTA)) != 0 || !(flags & ZT_COMPRESS_ON) ||
+      codec == 0 || (codec & (codec - 1)) != 0) {
+    ZT_LOG(kModule, fn, "Unknown block flags %#x", flags);
+    return false;
+  }
+  const uint32_t mode = c.swap16 ? flags & ~ZT_COMPRESS_DELTA : flags;
+  const uint32_t out = ZT_Decompress(s.decompressor.get(), payload, dst, size, n, mode);
+  if (out != n) {
+    if (out != ZT_COMPRESS_ERROR) ZT_LOG(kModule, fn, "A block decodes to %u bytes, not %u", out, n);
+    return false;
+  }
+  if (c.swap16) {
+    swap16(dst, dst, n);
+    if (flags & ZT_COMPRESS_DELTA) deltaDecodeBuffer(dst, n, 16);
+  }
+  return true;
+}
+
+// ---- Worker slots --------------------------------------------------------------
+
+namespace {
+
+struct Batch {
+  VLIMG_File *file;
+  uint32_t first, step, count;
+  bool decode;
+};
+
+void code_slot(VLIMG_File *f, Slot &s, bool decode) {
+  const Header &h = f->h;
+  uint32_t x = 0, y = 0, w = 0, hh = 0;
+  tile_rect(h, s.index, &x, &y, &w, &hh);
+  const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
+  const uint32_t n = row * hh;
+  if (!decode) {
+    s.ok = encode_block(f->codec, s, s.raw.data(), n);
+    if (!s.ok) ZT_LOG(kModule, s.function, "Cannot compress tile %u", s.index);
+    return;
+  }
+  uint8_t *target = s.dst;
+  if (s.dst_stride != row) {
+    s.raw.resize(n);
+    target = s.raw.data();
+  }
+  s.ok = decode_block(f->codec, s, s.stored.data(), s.stored_size, target, n, s.function);
+  if (!s.ok) {
+    ZT_LOG(kModule, s.function, "Cannot read tile %u", s.index);
+    return;
+  }
+  if (target != s.dst)
+    for (uint32_t r = 0; r < hh; ++r) std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
+}
+
+void run_batch(void *arg) {
+  auto *b = static_cast<Batch *>(arg);
+  for (uint32_t i = b->first; i < b->count; i += b->step) code_slot(b->file, *b->file->slots[i], b->decode);
+}
+
+// Codes the first `count` slots: the caller takes one share, the task queue
+// the others.
+void code_slots(VLIMG_File *f, uint32_t count, bool decode) {
+  const uint32_t workers = std::min(f->threads, count);
+  ZT_TaskQueue *queue = tile_queue();
+  std::vector<Batch> batches(workers);
+  for (uint32_t i = 0; i < workers; ++i) batches[i] = Batch{f, i, workers, count, decode};
+  if (workers < 2 || queue == nullptr) {
+    Batch all{f, 0, 1, count, decode};
+    run_batch(&all);
+    return;
+  }
+  ZT_TaskCompletion done;
+  if (pthread_taskq_completion_init(&done) != 0) {
+    Batch all{f, 0, 1, count, decode};
+    run_batch(&all);
+    return;
+  }
+  pthread_taskq_enqueue_multiple(queue, &done, workers - 1, run_batch, &batches[1], sizeof(Batch));
+  run_batch(&batches[0]);
+  pthread_taskq_completion_wait(&done);
+  // Shares that could not be queued are done here.
+  for (uint32_t i = done.submitted + 1; i < workers; ++i) run_batch(&batches[i]);
+  pthread_taskq_completion_destroy(&done);
+}
+
+}  // namespace
+
+bool drain_tiles(VLIMG_File *f, const char *fn) {
+  const uint32_t count = f->pending;
+  if (count == 0) return true;
+  f->pending = 0;
+  code_slots(f, count, false);
+  for (uint32_t i = 0; i < count; ++i) {
+    Slot &s = *f->slots[i];
+    if (!s.ok) return false;
+    VLIMG_TileEntry &e = f->h.tiles[s.index];
+    e.offset = f->io.tell();
+    e.size = s.stored_size;
+    e.flags = s.block_flags;
+    if (!f->io.write(s.stored.data(), s.stored_size)) {
+      ZT_LOG(kModule, fn, "Failed to write to disk");
+      return false;
+    }
+  }
+  return true;
+}
+
+int32_t write_tile(VLIMG_File *f, uint32_t index, const uint8_t *data, uint32_t stride, const char *fn) {
+  if (!f->writing) {
+    ZT_LOG(kModule, fn, "File is not open for writing");
+    return -1;
+  }
+  if (f->wrote_scanlines) {
+    ZT_LOG(kModule, fn,
+           "VLIMG_WriteScanline has already been called. You can either use VLIMG_WriteTile or "
+           "VLIMG_WriteScanline but not both.");
+    return -1;
+  }
+  if (!f->h.tiled()) {
+    ZT_LOG(kModule, fn, "Page is not tiled");
+    return -1;
+  }
+  if (!f->header_written && write_header(f, fn) != 0) return -1;
+  const Header &h = f->h;
+  uint32_t x = 0, y = 0, w = 0, hh = 0;
+  if (!tile_rect(h, index, &x, &y, &w, &hh)) {
+    ZT_LOG(kModule, fn, "Tile %u does not exist; the page has %u", index, tile_count(h));
+    return -1;
+  }
+  if (f->tile_done[index]) {
+    ZT_LOG(kModule, fn, "Tile %u has already been written", index);
+    return -1;
+  }
+  const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
+  if (data == nullptr || stride < row) {
+    ZT_LOG(kModule, fn, "Tile %u needs %u bytes per line, got %u", index, row, stride);
+    return -1;
+  }
+  f->wrote_tiles = true;
+  if (f->codec.compression == 1 && !f->codec.swap16) {
+    VLIMG_TileEntry &e = f->h.tiles[index];
+    e.offset = f->io.tell();
+    e.size = row * hh;
+    e.flags = 0;
+    if (!f->io.write_rows(data, row, hh, stride)) {
+      ZT_LOG(kModule, fn, "Failed to write to disk");
+      return -1;
+    }
+  } else {
+    Slot &s = *f->slots[f->pending++];
+    s.index = index;
+    s.function = fn;
+    s.raw.resize(size_t{row} * hh);
+    for (uint32_t r = 0; r < hh; ++r) std::memcpy(s.raw.data() + size_t{r} * row, data + size_t{r} * stride, row);
+    if (f->pending == f->slots.size() && !drain_tiles(f, fn)) return -1;
+  }
+  f->tile_done[index] = 1;
+  ++f->tiles_done;
+  return 0;
+}
+
+int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8_t *const *dsts,
+                   const uint32_t *strides, const char *fn) {
+  if (f->writing || !f->header_ok) {
+    ZT_LOG(kModule, fn, "File is not open for reading or its header is unusable");
+    return -1;
+  }
+  const Header &h = f->h;
+  if (!h.tiled()) {
+    ZT_LOG(kModule, fn, "Page is not tiled");
+    return -1;
+  }
+  if (count > 0 && (indices == nullptr || dsts == nullptr || strides == nullptr)) {
+    ZT_LOG(kModule, fn, "NULL tile list passed");
+    return -1;
+  }
+  int32_t result = 0;
+  uint32_t i = 0;
+  while (i < count) {
+    uint32_t batch = 0;
+    for (; i < count && batch < f->slots.size(); ++i) {
+      const uint32_t index = indices[i];
+      uint32_t x = 0, y = 0, w = 0, hh = 0;
+      if (!tile_rect(h, index, &x, &y, &w, &hh)) {
+        ZT_LOG(kModule, fn, "Cannot read tile %u: the page has %u", index, tile_count(h));
+        result = -1;
+        continue;
+      }
+      const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
+      if (dsts[i] == nullptr || strides[i] < row) {
+        ZT_LOG(kModule, fn, "Cannot read tile %u: it needs %u bytes per line, got %u", index, row, strides[i]);
+        result = -1;
+        continue;
+      }
+      const VLIMG_TileEntry &e = h.tiles[index];
+      if (f->codec.compression == 1 && !f->codec.swap16) {
+        // Raw tiles go from the file straight into the caller's rows.
+        bool ok = true;
+        if (strides[i] == row) {
+          ok = f->io.pread_at(dsts[i], e.size, e.offset);
+        } else {
+          for (uint32_t r = 0; ok && r < hh; ++r)
+            ok = f->io.pread_at(dsts[i] + size_t{r} * strides[i], row, e.offset + uint64_t{r} * row);
+        }
+        if (!ok) {
+          ZT_LOG(kModule, fn, "Cannot read tile %u", index);
+          result = -1;
+        }
+        continue;
+      }
+      Slot &s = *f->slots[batch];
+      s.index = index;
+      s.function = fn;
+      s.dst = dsts[i];
+      s.dst_stride = strides[i];
+      s.stored.resize(e.size);
+      s.stored_size = e.size;
+      if (!f->io.pread_at(s.stored.data(), e.size, e.offset)) {
+        ZT_LOG(kModule, fn, "Cannot read tile %u", index);
+        result = -1;
+        continue;
+      }
+      ++batch;
+    }
+    code_slots(f, batch, true);
+    for (uint32_t k = 0; k < batch; ++k)
+      if (!f->slots[k]->ok) result = -1;
+  }
+  return result;
+}
+
+// ---- Scanlines -------------------------------------------------------------------
+
+int32_t read_line(VLIMG_File *f, uint8_t *line, const char *fn) {
+  if (f->writing || !f->header_ok || line == nullptr) {
+    ZT_LOG(kModule, fn, "Cannot read line %u", f->line);
+    return -1;
+  }
+  const Header &h = f->h;
+  if (h.tiled()) {
+    ZT_LOG(kModule, fn, "Cannot read line %u: the page is tiled", f->line);
+    return -1;
+  }
+  if (f->line >= h.height) {
+    ZT_LOG(kModule, fn, "Cannot read line %u", f->line);
+    return -1;
+  }
+  const uint32_t n = static_cast<uint32_t>(line_bytes(h));
+  Slot &s = *f->slots[0];
+  bool ok = false;
+  if (f->codec.compression == 1) {
+    ok = f->io.read(line, n);
+    if (ok && f->codec.swap16) swap16(line, line, n);
+  } else {
+    uint8_t head[kBlockHeaderSize];
+    if (f->io.read(head, kBlockHeaderSize)) {
+      const uint32_t size = get_be32(head + 4);
+      if (size <= n) {
+        s.stored.resize(size_t{size} + kBlockHeaderSize);
+        std::memcpy(s.stored.data(), head, kBlockHeaderSize);
+        ok = f->io.read(s.stored.data() + kBlockHeaderSize, size) &&
+             decode_block(f->codec, s, s.stored.data(), size + kBlockHeaderSize, line, n, fn);
+      } else {
+        ZT_LOG(kModule, fn, "A block announces %u bytes, more than the line's %u", size, n);
+      }
+    }
+  }
+  if (!ok) {
+    ZT_LOG(kModule, fn, "Cannot read line %u", f->line);
+    return -1;
+  }
+  ++f->line;
+  return 0;
+}
+
+int32_t write_line(VLIMG_File *f, const uint8_t *line, const char *fn) {
+  if (!f->writing) {
+    ZT_LOG(kModule, fn, "File is not open for writing");
+    return -1;
+  }
+  if (f->wrote_tiles || f->h.tiled()) {
+    ZT_LOG(kModule, fn, "Page is tiled: write it with VLIMG_WriteTile");
+    return -1;
+  }
+  if (line == nullptr) {
+    ZT_LOG(kModule, fn, "NULL line passed");
+    return -1;
+  }
+  if (!f->header_written && write_header(f, fn) != 0) return -1;
+  if (f->line >= f->h.height) {
+    ZT_LOG(kModule, fn, "All %u lines have already been written", f->h.height);
+    return -1;
+  }
+  f->wrote_scanlines = true;
+  const uint32_t n = static_cast<uint32_t>(line_bytes(f->h));
+  bool ok;
+  if (f->codec.compression == 1 && !f->codec.swap16) {
+    ok = f->io.write(line, n);
+  } else {
+    Slot &s = *f->slots[0];
+    ok = encode_block(f->codec, s, line, n) && f->io.write(s.stored.data(), s.stored_size);
+  }
+  if (!ok) {
+    ZT_LOG(kModule, fn, "Failed to write to disk");
+    return -1;
+  }
+  ++f->line;
+  return 0;
+}
+
+}  // namespace zt::raster::vlimg
