@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "foundation/zt_internal.h"
+#include "raster/interleave_internal.h"
 
 namespace zt::raster {
 namespace {
@@ -244,6 +245,29 @@ bool read_back(Store &store, TileDesc &tile, Slot *slot, const char *function) {
   return true;
 }
 
+// Reads a tile from the source file into its slot. Under the cache lock;
+// takes the store's lock. The file's tiles are interleaved by pixel.
+bool read_source(Store &store, TileDesc &tile, Slot *slot) {
+  std::lock_guard<SpinLock> guard(store.lock);
+  const uint32_t number = tile_number(store, tile);
+  const uint32_t stride = store.tile_w * store.bytes_per_pixel;
+  const bool by_line = store.interleave == ZT_INTERLEAVE_BY_LINE;
+  if (by_line) store.staging.resize(store.tile_bytes);
+  uint8_t *target = by_line ? store.staging.data() : slot->mem;
+  if (VLIMG_ReadTile(store.source, number, target, stride) != 0) {
+    store.error.store(-1);
+    return false;
+  }
+  if (by_line) {
+    const uint32_t x0 = (number % store.tiles_x) * store.tile_w, y0 = (number / store.tiles_x) * store.tile_h;
+    const uint32_t w = std::min(store.tile_w, store.width - x0), h = std::min(store.tile_h, store.height - y0);
+    for (uint32_t y = 0; y < h; ++y)
+      pixel_to_line(slot->mem + size_t{y} * stride, target + size_t{y} * stride, w, store.channels,
+                    store.bytes_per_sample, store.tile_w);
+  }
+  return true;
+}
+
 // A slot for a tile of `bytes` bytes, under the cache lock: a new one while
 // the limit allows, else the least recently released clean slot, else the
 // least recently released dirty one after writing it back, else (nothing
@@ -381,6 +405,7 @@ void StoreDeleter::operator()(Store *store) const noexcept {
   if (!store->swap_name.empty()) ::unlink(store->swap_name.c_str());
   ZT_CompressFree(store->compressor);
   ZT_DecompressFree(store->decompressor);
+  VLIMG_Close(store->source);
   delete store;
 }
 
@@ -514,7 +539,11 @@ int32_t tile_acquire(Store &store, uint32_t index, bool for_write, Slot **out, c
     *out = slot;
     return 0;
   }
-  if (!for_write && tile.offset < 0) return 0;
+  if (store.source != nullptr && !store.source_ready) {
+    ZT_LOG(kImageBufModule, function, "ZT_ImageBufSetTilesFromFileProperties() must be called before fetching any data");
+    return -1;
+  }
+  if (!for_write && tile.offset < 0 && !tile.in_source) return 0;
   Slot *slot = find_slot(store.tile_bytes, function);
   if (slot == nullptr) return -1;
   slot->owner = &store;
@@ -523,8 +552,8 @@ int32_t tile_acquire(Store &store, uint32_t index, bool for_write, Slot **out, c
   slot->dirty = false;
   tile.slot = slot;
   list_push_back(kInUse, slot);
-  if (tile.offset >= 0) {
-    if (!read_back(store, tile, slot, function)) {
+  if (tile.offset >= 0 || tile.in_source) {
+    if (!(tile.offset >= 0 ? read_back(store, tile, slot, function) : read_source(store, tile, slot))) {
       tile.slot = nullptr;
       list_remove(slot);
       slot->owner = nullptr;
@@ -635,7 +664,7 @@ bool store_any_exists(const Store &store, uint32_t x, uint32_t y, uint32_t w, ui
   for (uint32_t ty = y / store.tile_h; ty <= (y + h - 1) / store.tile_h; ++ty)
     for (uint32_t tx = x / store.tile_w; tx <= (x + w - 1) / store.tile_w; ++tx) {
       const TileDesc &tile = store.tiles[ty * store.tiles_x + tx];
-      if (tile.slot != nullptr || tile.offset >= 0) return true;
+      if (tile.slot != nullptr || tile.offset >= 0 || tile.in_source) return true;
     }
   return false;
 }

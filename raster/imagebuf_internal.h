@@ -17,6 +17,7 @@
 #include <zt/compress.h>
 #include <zt/imagebuf.h>
 #include <zt/scanlinebuf.h>
+#include <zt/vlimg.h>
 
 #include <sys/types.h>
 
@@ -68,6 +69,7 @@ struct TileDesc {
   uint32_t room = 0;     // bytes that fit at `offset` (the first length written there)
   uint32_t flags = 0;    // compressor flags of the stored bytes; no codec bit when raw
   bool never_written = true;
+  bool in_source = false;  // until written back, the tile's pixels are those of the source file
 };
 
 struct Slot {
@@ -118,6 +120,12 @@ struct Store {
   ZT_Compressor *compressor = nullptr;
   ZT_Decompressor *decompressor = nullptr;
   std::vector<uint8_t> compressed;
+
+  // Tiles taken straight from a tiled VLIMG page instead of the swap file;
+  // read under the store's lock. `source_ready` once the geometry follows it.
+  VLIMG_File *source = nullptr;
+  bool source_ready = false;
+  std::vector<uint8_t> staging;
 
   std::atomic<int32_t> error{0};
   SpinLock lock;

@@ -39,6 +39,7 @@
 #define ZT_IMAGEBUF_H
 
 #include <stdint.h>
+#include <zt/vlimg.h>
 #include <zt/ztrect.h>
 #include <zt/zt_api.h>
 
@@ -155,6 +156,40 @@ ZT_API int32_t ZT_ImageBufReadScanlineFast(ZT_ImageBuf *buf, uint32_t y, void *d
 
 /* Writes every dirty resident tile of the buffer to its swap file. */
 ZT_API int32_t ZT_ImageBufFlush(ZT_ImageBuf *buf);
+
+/* ---- VLIMG files ----------------------------------------------------------------
+ * Pages pass as 8- or 16-bit samples, every plane of the same depth. */
+
+/* Takes the buffer's tiles straight from the tiled page `page` (0 first) of
+ * the VLIMG file `filename` instead of the swap file: a tile is read from the
+ * file when first needed, and goes to the swap file like any other once it
+ * has been written to. The file stays open until the buffer is freed or its
+ * contents are replaced. ZT_ImageBufSetTilesFromFileProperties must follow
+ * before any pixel is read ("ZT_ImageBufSetTilesFromFileProperties() must be
+ * called before fetching any data"). -1 with "Src handle has already been set
+ * previously" on a second call, or when the file cannot be opened or is not
+ * tiled. */
+ZT_API int32_t ZT_ImageBufSetTilesFromFilename(ZT_ImageBuf *buf, const char *filename, uint32_t page);
+/* Gives the buffer the geometry of the file named before (size, planes,
+ * depth, tile size; the buffer keeps its interleave and compression, which
+ * must be the file's: "source tiles use different compression algorithm tile
+ * = %x, imagebuf = %x"). -1 with "Please call
+ * ZT_ImageBufSetTilesFromFilename() first", for planes of different or
+ * unsupported depths, or for a tile table whose entries do not have the sizes
+ * the tile grid gives. */
+ZT_API int32_t ZT_ImageBufSetTilesFromFileProperties(ZT_ImageBuf *buf);
+/* Reads page `page` of the VLIMG file `filename` (tiled or not) into the
+ * buffer, which takes the page's size, planes and depth (and tile size when
+ * the page is tiled) and keeps its interleave and compression. */
+ZT_API int32_t ZT_ImageBufLoadFromVLIMG(ZT_ImageBuf *buf, const char *filename, uint32_t page);
+/* Writes the buffer as a tiled page (its tile size) to `file`, open for
+ * writing (VLIMG_MODE_CREATE or VLIMG_MODE_APPEND) with its header not yet
+ * written: width, height, image type `imageType`, compression type
+ * `compressionType` and the bits-per-pixel array are set here; a separated
+ * type needs its separation count and names set by the caller first. The
+ * caller closes the file. */
+ZT_API int32_t ZT_ImageBufSaveToVLIMGUsingHandle(ZT_ImageBuf *buf, VLIMG_File *file, uint32_t imageType,
+                                                 uint32_t compressionType);
 
 /* ---- Whole-buffer transforms --------------------------------------------------
  * Each keeps the buffer's handle, references, depth (but ChangeBPP),
