@@ -20,6 +20,7 @@
 #include "raster/vlimg_internal.h"
 
 #include <zt/dither.h>
+#include <zt/imagebuf.h>
 #include <zt/init.h>
 #include <zt/packets.h>
 #include <zt/random.h>
@@ -59,6 +60,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::globals_set_release_hook(&zt::packets::release_globals);
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
+  ZT_ImageBufInitSubSystem();
   ditherStaticInit();
   zt::raster::vlimg::vlimg_static_init();
   resampleStaticInit();
@@ -76,6 +78,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   // The pool ends the periodic thread, so the task records can go after it.
   threadpoolStaticFree();
   zt::periodic_free_all();
+  ZT_ImageBufDeinitSubSystem();
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();
