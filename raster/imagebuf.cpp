@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/interleave_internal.h"
 
 namespace zt::raster {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/imagebuf_internal.h"
 
 using zt::api_guard;

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/buf_internal.h"
 #include "raster/imagebuf_internal.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/imagebuf_internal.h"
 
 using zt::api_guard;

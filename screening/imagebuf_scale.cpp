@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "foundation/zt_internal.h"
+#include "foundation/internal.h"
 #include "raster/imagebuf_internal.h"
 
 using zt::api_guard;

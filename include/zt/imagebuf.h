@@ -41,7 +41,7 @@
 #include <stdint.h>
 #include <zt/vlimg.h>
 #include <zt/ztrect.h>
-#include <zt/zt_api.h>
+#include <zt/api.h>
 
 ZT_EXTERN_C_BEGIN
 
