@@ -21,6 +21,7 @@
 #include <zt/packets.h>
 #include <zt/random.h>
 #include <zt/resample.h>
+#include <zt/screening.h>
 #include <zt/table_interpolator.h>
 #include <zt/threadpool.h>
 #include <zt/threads.h>
@@ -56,6 +57,7 @@ ZT_API void ZT_InitSubSystems(void) {
   zt::raster::buf_kernels_init();
   zt::raster::interleave_kernels_init();
   ditherStaticInit();
+  screeningCacheInit();
   resampleStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
@@ -74,6 +76,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();
+  screeningCacheFree();
   ditherStaticFree();
   zt::timing_static_free();
   zt::scratch_dir_free();
