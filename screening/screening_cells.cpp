@@ -64,7 +64,8 @@ double angle_error(double a, double b) {
 
 // The best cell with R up to `max_r` whose device tile fits `max_side`:
 // the first R that meets 0.5 % and 0.1 degree wins, else the closest overall.
-bool search_cell(double lpi, double angle, const Geometry &g, int64_t max_r, uint32_t max_side, Cell *best) {
+bool search_cell(double lpi, double angle, const Geometry &g, int64_t max_r, uint32_t max_side, Cell *best,
+                 bool want_levels) {
   const double period = g.base / lpi;
   const double ca = std::cos(angle * kPi / 180.0), sa = std::sin(angle * kPi / 180.0);
   double best_score = 1e300;
@@ -77,6 +78,10 @@ bool search_cell(double lpi, double angle, const Geometry &g, int64_t max_r, uin
         if (c.m == 0 && c.n == 0) continue;
         const int64_t w = tile_side(c);
         if (w <= 0 || w * std::max(g.sx, g.sy) > max_side) continue;
+        // A super-cell is worth its size only with all 256 tones, each within
+        // 0.05 % of its nominal coverage (half a pixel of 1,000): smaller
+        // tiles are skipped while larger ones fit the budget.
+        if (want_levels && w * w * g.sx * g.sy < 1000 && w * 4 * std::max(g.sx, g.sy) <= max_side) continue;
         const double ef = std::fabs(cell_lpi(c, g.base) - lpi) / lpi;
         const double ea = angle_error(cell_angle(c), angle);
         const double score = std::max(ef / 0.005, ea / 0.1);
@@ -92,16 +97,32 @@ bool search_cell(double lpi, double angle, const Geometry &g, int64_t max_r, uin
   return found;
 }
 
+// The rank of (x, y) in a Bayer matrix of 2^k >= both, bits interleaved.
+uint32_t bayer(uint32_t x, uint32_t y) {
+  uint32_t r = 0;
+  for (int b = 11; b >= 0; --b) {
+    const uint32_t xb = (x >> b) & 1u, yb = (y >> b) & 1u;
+    r = (r << 2) | ((xb ^ yb) << 1) | yb;
+  }
+  // Reversing the bit pairs makes the low bits the coarse ones.
+  uint32_t rev = 0;
+  for (int i = 0; i < 12; ++i) rev = (rev << 2) | ((r >> (2 * i)) & 3u);
+  return rev;
+}
+
 // Ranks every pixel of the device tile by the spot function at its centre,
 // highest first (the dot grows from the highest values), ties by position.
 int32_t render_cell(const Cell &c, const Geometry &g, uint32_t shape, uint8_t **matrix, uint32_t *width,
                     uint32_t *height, const char *function) {
   const int64_t w = tile_side(c);
   const size_t tw = static_cast<size_t>(w) * g.sx, th = static_cast<size_t>(w) * g.sy;
+  *width = static_cast<uint32_t>(tw);
+  *height = static_cast<uint32_t>(th);
+  if (matrix == nullptr) return 0;
   const size_t area = tw * th;
   std::unique_ptr<uint8_t, decltype(&std::free)> out(static_cast<uint8_t *>(std::malloc(area)), &std::free);
   std::vector<double> value;
-  std::vector<uint32_t> order, ranks;
+  std::vector<uint32_t> order, ranks, dot_order;
   if (out == nullptr) {
     ZT_LOG(kModule, function, "Cannot allocate memory");
     return -1;
@@ -109,6 +130,7 @@ int32_t render_cell(const Cell &c, const Geometry &g, uint32_t shape, uint8_t **
   value.resize(area);
   order.resize(area);
   ranks.resize(area);
+  dot_order.resize(area);
   const double len2 = static_cast<double>(c.m * c.m + c.n * c.n);
   for (size_t y = 0; y < th; ++y) {
     const double py = (y + 0.5) / g.sy;
@@ -118,21 +140,28 @@ int32_t render_cell(const Cell &c, const Geometry &g, uint32_t shape, uint8_t **
       const double v = c.r * (-px * c.n + py * c.m) / len2;
       const double fu = u - std::floor(u), fv = v - std::floor(v);
       value[y * tw + x] = screeningSpotValue(shape, 2.0 * fu - 1.0, 2.0 * fv - 1.0);
+      // Pixels at the same place in different dots tie; the dots then take
+      // turns in a dispersed (Bayer) order instead of in scan order.
+      const int64_t du = static_cast<int64_t>(std::floor(u)) % c.r, dv = static_cast<int64_t>(std::floor(v)) % c.r;
+      dot_order[y * tw + x] = bayer(static_cast<uint32_t>((du + c.r) % c.r), static_cast<uint32_t>((dv + c.r) % c.r));
     }
   }
   std::iota(order.begin(), order.end(), 0u);
-  std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return value[a] > value[b]; });
+  std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+    if (value[a] != value[b]) return value[a] > value[b];
+    if (dot_order[a] != dot_order[b]) return dot_order[a] < dot_order[b];
+    return a < b;
+  });
   for (size_t i = 0; i < area; ++i) ranks[order[i]] = static_cast<uint32_t>(i);
   entries_from_ranks(ranks.data(), area, out.get());
   *matrix = out.release();
-  *width = static_cast<uint32_t>(tw);
-  *height = static_cast<uint32_t>(th);
   return 0;
 }
 
 bool check_settings(const ScreeningSettings *s, uint8_t **matrix, uint32_t *width, uint32_t *height,
                     const char *function) {
-  if (s == nullptr || matrix == nullptr || width == nullptr || height == nullptr) {
+  (void)matrix;
+  if (s == nullptr || width == nullptr || height == nullptr) {
     ZT_LOG(kModule, function, "Cannot allocate memory");
     return false;
   }
@@ -210,7 +239,7 @@ ZT_API int32_t SuperCellCreate_rational(const ScreeningSettings *settings, uint8
     Geometry g;
     if (!geometry_of(settings, &g, function)) return -1;
     Cell c;
-    if (!search_cell(settings->linesPerInch, settings->angle, g, 1, 1u << 20, &c)) {
+    if (!search_cell(settings->linesPerInch, settings->angle, g, 1, 1u << 20, &c, false)) {
       ZT_LOG(kModule, function, "non invertible matrix encountered");
       return -1;
     }
@@ -232,15 +261,28 @@ ZT_API int32_t SuperCellCreate(const ScreeningSettings *settings, uint8_t **matr
     if ((settings->flags & ZT_SCREEN_FLAG_CMYK_SET) != 0) {
       int32_t v[3];
       if (screeningDefaultCMYKCell(settings->channel, v) != 0) return -1;
-      // One integer factor for every channel keeps the residual at zero.
-      const double k1 = cell_lpi(Cell{v[0], v[1], v[2]}, g.base);
-      const int64_t k = std::max<int64_t>(1, std::llround(k1 / settings->linesPerInch));
-      c = Cell{v[0] * k, v[1] * k, v[2]};
-      if (tile_side(c) * std::max(g.sx, g.sy) > max_side) {
+      // Every channel's vector is scaled by the same k and its dots by the
+      // same R, so every frequency scales by R / k and the residual stays
+      // zero; (R, k) is the pair closest to the requested frequency whose
+      // tile (10 k pixels) fits.
+      const double base_lpi = cell_lpi(Cell{3, 1, 1}, g.base);
+      double best_error = 1e300;
+      int64_t best_k = 0, best_r = 0;
+      for (int64_t k = 1; 10 * k * std::max(g.sx, g.sy) <= max_side && k <= 512; ++k) {
+        const int64_t r = std::max<int64_t>(1, std::llround(settings->linesPerInch * k / base_lpi));
+        const double error = std::fabs(base_lpi * r / k - settings->linesPerInch);
+        if (error < best_error * 0.999) {
+          best_error = error;
+          best_k = k;
+          best_r = r;
+        }
+      }
+      c = Cell{v[0] * best_k, v[1] * best_k, v[2] * best_r};
+      if (best_k == 0) {
         ZT_LOG(kModule, function, "non invertible matrix encountered");
         return -1;
       }
-    } else if (!search_cell(settings->linesPerInch, settings->angle, g, 64, max_side, &c)) {
+    } else if (!search_cell(settings->linesPerInch, settings->angle, g, 64, max_side, &c, true)) {
       ZT_LOG(kModule, function, "non invertible matrix encountered");
       return -1;
     }

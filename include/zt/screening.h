@@ -224,19 +224,24 @@ ZT_API double screeningSpotValue(uint32_t shape, double x, double y);
  * with free()) for the settings' lines per inch, angle, spot shape and
  * resolution. The rational form uses one cell with integer corners; the
  * super-cell form searches cells of R x R dots whose side is at most
- * `maxTileSide` (0 = 1024) for the closest frequency and angle. Both report
- * the lpi and angle achieved. 0, or -1 (logged). */
+ * `maxTileSide` (0 = 1024) for the closest frequency and angle, preferring
+ * tiles of 1,000 pixels or more (all 256 tones, each within 0.05 %). Both report the lpi and angle
+ * achieved. With a null `matrix` only the geometry (sizes, lpi, angle) is
+ * worked out. Resolutions must be equal or integer multiples of each other
+ * (up to 16). 0, or -1 (logged). */
 ZT_API int32_t SuperCellCreate_rational(const ScreeningSettings *settings, uint8_t **matrix, uint32_t *width,
                                         uint32_t *height, double *effectiveLpi, double *effectiveAngle);
 ZT_API int32_t SuperCellCreate(const ScreeningSettings *settings, uint8_t **matrix, uint32_t *width,
                                uint32_t *height, double *effectiveLpi, double *effectiveAngle);
 
-/* The default CMYK screen set of mode 8: for channel 0 ... 3 (C, M, Y, K) the
- * settings' angle and lines per inch are replaced by a set whose three-screen
- * moire residual (C, M, K) is zero by construction: C on the cell (3, 1), M
- * on (1, 3), K on (5, 5) in two-dot super-cells, Y on (4, 0), all scaled by
- * the same factor to the requested frequency. Writes the chosen cell
- * vectors (M, N, R) to `cell` (three entries). 0, or -1 for a bad channel. */
+/* The default CMYK screen set of mode 8 (flag ZT_SCREEN_FLAG_CMYK_SET): for
+ * channel 0 ... 3 (C, M, Y, K) the settings' angle is replaced by a set whose
+ * three-screen moire residual (C, M, K) is zero by construction: C on the
+ * cell (3, 1), M on (1, 3), K on (5, 5) in two-dot super-cells, Y on (3, 0).
+ * Every vector is then multiplied by one k and every R by one r, (r, k)
+ * chosen for the requested lines per inch within the tile budget (tiles of
+ * 10 k pixels), which keeps the residual at zero. Writes the base vector
+ * (M, N, R) to `cell`. 0, or -1 for a bad channel (logged). */
 ZT_API int32_t screeningDefaultCMYKCell(uint32_t channel, int32_t *cell);
 
 /* ---- VRFS files ----------------------------------------------------------- */
