@@ -508,3 +508,51 @@ TEST(ScreeningWholeImage, SixteenToEightByErrorDiffusion) {
 }
 
 }  // namespace
+
+namespace {
+
+// Four channels on the default queue give the bytes of four channels screened
+// one after another: each channel's lines stay in order on one worker.
+TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
+  LibraryScope library;
+  const uint32_t width = 1000, lines = 40, channels = 4;
+  std::vector<Object> serial, parallel;
+  for (uint32_t c = 0; c < channels; ++c) {
+    ScreeningSettings s = settings_for(c % 2 == 0 ? ZT_SCREEN_STOCHASTIC : ZT_SCREEN_BLUE_NOISE, 4, 2);
+    s.channel = c;
+    serial.emplace_back(CreateScreeningObject(&s, width, 8));
+    parallel.emplace_back(CreateScreeningObject(&s, width, 8));
+    if (serial[c]->weightTable != nullptr)
+      parallel[c]->weightCursor = parallel[c]->weightTable + (serial[c]->weightCursor - serial[c]->weightTable);
+  }
+  const size_t out_stride = serial[0]->outputBytes;
+  std::vector<std::vector<uint8_t>> in(channels), in_copy(channels), out_a(channels), out_b(channels);
+  for (uint32_t c = 0; c < channels; ++c) {
+    in[c].resize(size_t(width) * lines);
+    for (size_t i = 0; i < in[c].size(); ++i) in[c][i] = static_cast<uint8_t>((i * (c + 3) / 7) & 0xFF);
+    in_copy[c] = in[c];
+    out_a[c].resize(out_stride * lines);
+    out_b[c].resize(out_stride * lines);
+    for (uint32_t y = 0; y < lines; ++y)
+      serial[c]->screenScanline(serial[c].get(), in[c].data() + size_t(y) * width, out_a[c].data() + y * out_stride,
+                                width, y);
+  }
+  std::vector<ScreeningObject *> objects;
+  std::vector<void *> inputs;
+  std::vector<uint8_t *> outputs;
+  for (uint32_t c = 0; c < channels; ++c) {
+    objects.push_back(parallel[c].get());
+    inputs.push_back(in_copy[c].data());
+    outputs.push_back(out_b[c].data());
+  }
+  ASSERT_EQ(screeningScreenChannelLines(objects.data(), channels, inputs.data(), width, outputs.data(), out_stride,
+                                        width, 0, lines),
+            0);
+  for (uint32_t c = 0; c < channels; ++c) EXPECT_EQ(out_a[c], out_b[c]) << c;
+  LogCapture capture;
+  objects[2] = nullptr;
+  EXPECT_EQ(screeningScreenChannels(objects.data(), channels, inputs.data(), outputs.data(), width, 0), -1);
+  EXPECT_TRUE(capture.contains("Cannot screen 4 channels"));
+}
+
+}  // namespace
