@@ -161,6 +161,7 @@ int32_t build_matrix_mode(ScreeningObject *o, const ScreeningSettings *s) {
   }
   o->cellWidth = w;
   o->cellHeight = h;
+  if (build_matrix_rows(o) != 0) return -1;
   return build_level_tables(o);
 }
 
@@ -299,6 +300,7 @@ ZT_API void DestroyScreeningObject(ScreeningObject *object) {
   std::free(object->inputLut);
   std::free(object->levelBase);
   std::free(object->levelFraction);
+  std::free(object->matrixRows);
   for (uint8_t *tile : object->ditherScreens) std::free(tile);
   std::free(object);
 }

@@ -44,21 +44,22 @@ inline uint32_t pick_level(int32_t value, int32_t m, const uint16_t *thr, uint32
 
 // Planes > 0: that many bit-planes, unrolled; 0: the general loop over
 // outputPlanes; -1: one byte a pixel (16-to-8 objects).
+// Branch-free: whether a pixel prints is as random as the screen itself, so
+// every plane byte is or-ed with its bit or with 0.
 template <int Planes>
 inline void write_code(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, ptrdiff_t x, uint32_t code) {
   if constexpr (Planes < 0) {
     out[x] = static_cast<uint8_t>(code);
   } else {
-    const uint8_t bit = static_cast<uint8_t>(0x80u >> (x & 7));
+    const uint32_t shift = 7u - static_cast<uint32_t>(x & 7);
     uint8_t *p = out + (x >> 3);
     const uint32_t n = Planes > 0 ? static_cast<uint32_t>(Planes) : planes;
-    for (uint32_t k = 0; k < n; ++k) {
-      if ((code >> k) & 1u) p[static_cast<size_t>(k) * bytes_per_plane] |= bit;
-    }
+    for (uint32_t k = 0; k < n; ++k)
+      p[static_cast<size_t>(k) * bytes_per_plane] |= static_cast<uint8_t>(((code >> k) & 1u) << shift);
   }
 }
 
-template <typename T, int Planes>
+template <typename T, int Planes, bool Modulated>
 void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
   int32_t *cur = o->errorRowA + 4;
   int32_t *next = o->errorRowB + 4;
@@ -86,10 +87,10 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
     if (sample == 0) continue;
     const int32_t value = sample + static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
     if (value == 0) continue;
-    const int32_t m = mod != nullptr ? mod[static_cast<size_t>(x) % cw] : 0;
-    const uint32_t level = pick_level(value, m, thr, top);
+    const int32_t m = Modulated ? mod[static_cast<size_t>(x) % cw] : 0;
+    const uint32_t level = top == 1 ? (value > thr[1] + m ? 1u : 0u) : pick_level(value, m, thr, top);
     const int32_t e = value - den[level];
-    if (level != 0) write_code<Planes>(out, bpp, planes, x, codes[level]);
+    write_code<Planes>(out, bpp, planes, x, codes[level] & (level != 0 ? 0xFFFFu : 0u));
     if (e != 0) {
       next[x - dir] += w[0] * e;
       next[x + dir] = w[1] * e;
@@ -106,21 +107,29 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   o->serpentine = o->serpentine != 0 ? 0u : 1u;
 }
 
-template <typename T>
-void diffuse_dispatch(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
+template <typename T, bool Modulated>
+void diffuse_planes(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
   if (o->byteOutput != 0) {
-    diffuse_line<T, -1>(o, in, out, width, y);
+    diffuse_line<T, -1, Modulated>(o, in, out, width, y);
     return;
   }
   switch (o->outputPlanes) {
-    case 1: diffuse_line<T, 1>(o, in, out, width, y); break;
-    case 2: diffuse_line<T, 2>(o, in, out, width, y); break;
-    case 3: diffuse_line<T, 3>(o, in, out, width, y); break;
-    case 4: diffuse_line<T, 4>(o, in, out, width, y); break;
-    case 5: diffuse_line<T, 5>(o, in, out, width, y); break;
-    case 6: diffuse_line<T, 6>(o, in, out, width, y); break;
-    default: diffuse_line<T, 0>(o, in, out, width, y); break;
+    case 1: diffuse_line<T, 1, Modulated>(o, in, out, width, y); break;
+    case 2: diffuse_line<T, 2, Modulated>(o, in, out, width, y); break;
+    case 3: diffuse_line<T, 3, Modulated>(o, in, out, width, y); break;
+    case 4: diffuse_line<T, 4, Modulated>(o, in, out, width, y); break;
+    case 5: diffuse_line<T, 5, Modulated>(o, in, out, width, y); break;
+    case 6: diffuse_line<T, 6, Modulated>(o, in, out, width, y); break;
+    default: diffuse_line<T, 0, Modulated>(o, in, out, width, y); break;
   }
+}
+
+template <typename T>
+void diffuse_dispatch(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
+  if (o->modulation != nullptr)
+    diffuse_planes<T, true>(o, in, out, width, y);
+  else
+    diffuse_planes<T, false>(o, in, out, width, y);
 }
 
 }  // namespace

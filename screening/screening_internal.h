@@ -39,6 +39,9 @@ int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, 
 int32_t screen_pattern(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
 // Builds levelBase / levelFraction from the densities when levels > 2.
 int32_t build_level_tables(ScreeningObject *object);
+// Copies each matrix row with its first 16 entries repeated after it
+// (matrixRows), so that vector loops read any 16 entries from any phase.
+int32_t build_matrix_rows(ScreeningObject *object);
 
 // Matrix entries for pixels ranked 0 ... area-1 (rank 0 prints first): the
 // entry of rank r is the largest tone v with round(v * area / 255) <= r, so a

@@ -167,6 +167,7 @@ struct ScreeningObject {
   double effectiveAngle;   /* degrees */
   uint8_t *levelBase;      /* multi-level thresholds: base level of each 8-bit value */
   uint8_t *levelFraction;  /* ... and its position between that level and the next */
+  uint8_t *matrixRows;     /* matrix rows of cellWidth + 16, wrapped: for the loops */
 };
 
 /* ---- Levels --------------------------------------------------------------- */
