@@ -25,6 +25,7 @@
 #include <zt/packets.h>
 #include <zt/random.h>
 #include <zt/resample.h>
+#include <zt/screening.h>
 #include <zt/table_interpolator.h>
 #include <zt/threadpool.h>
 #include <zt/threads.h>
@@ -63,6 +64,7 @@ ZT_API void ZT_InitSubSystems(void) {
   ZT_ImageBufInitSubSystem();
   ditherStaticInit();
   zt::raster::vlimg::vlimg_static_init();
+  screeningCacheInit();
   resampleStaticInit();
   ZTCMSStaticInit();
   TableInterpolatorStaticInit();
@@ -82,6 +84,7 @@ ZT_API void ZT_DeInitSubSystems(void) {
   TableInterpolatorStaticFree();
   ZTCMSStaticFree();
   resampleStaticFree();
+  screeningCacheFree();
   zt::raster::vlimg::vlimg_static_free();
   ditherStaticFree();
   zt::timing_static_free();

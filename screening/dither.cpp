@@ -2,6 +2,7 @@
 // raster, where scanline buffers convert through it; these are its shims.
 #include <zt/dither.h>
 #include <zt/random.h>
+#include <zt/screening.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -42,8 +43,10 @@ ZT_API void ditherBuf24To8(DitherContext *context, uint8_t *out, const uint32_t 
 
 ZT_API void ditherCleanup(DitherContext *context, int32_t freeContext) {
   if (context == nullptr) return;
-  // Only whole-image contexts hold screening objects; without them the array
-  // is empty, so releasing it is all there is to do.
+  // Only whole-image contexts hold screening objects, one a channel.
+  if (context->channelScreens != nullptr)
+    for (uint32_t c = 0; c < context->channelCount; ++c)
+      DestroyScreeningObject(static_cast<ScreeningObject *>(context->channelScreens[c]));
   std::free(context->channelScreens);
   context->channelScreens = nullptr;
   context->channelCount = 0;

@@ -1,0 +1,253 @@
+// Threshold and pattern screening: the per-pixel loops of every matrix mode
+// (1, 2, 5, 8, 11) and of the pattern mode (9), the level tables that let a
+// matrix dither between two neighbouring drop sizes, and the input table.
+#include <emmintrin.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "foundation/internal.h"
+#include "raster/buf_internal.h"
+#include "screening/screening_internal.h"
+
+namespace zt::screening {
+namespace {
+
+// 16-bit rows are reduced through the library's 16-to-8 table in slices, so
+// the loops below only ever see bytes.
+constexpr uint32_t kSlice = 2048;
+
+void write_code(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, uint32_t x, uint32_t code) {
+  const uint8_t bit = static_cast<uint8_t>(0x80u >> (x & 7));
+  uint8_t *p = out + (x >> 3);
+  for (uint32_t k = 0; k < planes; ++k)
+    if ((code >> k) & 1u) p[static_cast<size_t>(k) * bytes_per_plane] |= bit;
+}
+
+// Bit i of a byte moved to bit 7 - i: comparison masks come lowest pixel
+// first, output bytes highest pixel first.
+struct ReversedBits {
+  uint8_t table[256];
+  constexpr ReversedBits() : table() {
+    for (int v = 0; v < 256; ++v) {
+      int r = 0;
+      for (int b = 0; b < 8; ++b) r |= ((v >> b) & 1) << (7 - b);
+      table[v] = static_cast<uint8_t>(r);
+    }
+  }
+};
+constexpr ReversedBits kReversed;
+
+// Spreads the 8 one-bit flags of a byte (pixel 0 in bit 7) over the planes
+// of `code`.
+inline void store_byte(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, uint32_t code, size_t at,
+                       uint32_t bits) {
+  for (uint32_t k = 0; k < planes; ++k)
+    if ((code >> k) & 1u) out[static_cast<size_t>(k) * bytes_per_plane + at] |= static_cast<uint8_t>(bits);
+}
+
+// Two levels: a pixel prints where its value exceeds the entry (0 never does:
+// entries are at least 0). Sixteen pixels a step: the row of the matrix is
+// stored with its start repeated after its end (`ext`), so any 16 entries
+// from any phase are contiguous. SSE2 is part of every x86-64 processor.
+void threshold_two(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n,
+                   const uint8_t *ext) {
+  const uint32_t cw = o->cellWidth;
+  const uint32_t code = o->dotCodes[1];
+  const uint32_t planes = o->outputPlanes, bpp = o->bytesPerPlane;
+  uint32_t mx = x0 % cw;
+  uint32_t i = 0;
+  const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
+  if ((x0 & 7) == 0) {
+    for (; i + 16 <= n; i += 16) {
+      const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)), bias);
+      const __m128i t = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(ext + mx)), bias);
+      const uint32_t mask = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(v, t)));
+      const size_t at = (x0 + i) >> 3;
+      if (planes == 1 && code == 1) {
+        out[at] = kReversed.table[mask & 0xFF];
+        out[at + 1] = kReversed.table[mask >> 8];
+      } else {
+        store_byte(out, bpp, planes, code, at, kReversed.table[mask & 0xFF]);
+        store_byte(out, bpp, planes, code, at + 1, kReversed.table[mask >> 8]);
+      }
+      mx += 16;
+      while (mx >= cw) mx -= cw;
+    }
+  }
+  for (; i < n; ++i) {
+    if (in[i] > ext[mx]) write_code(out, bpp, planes, x0 + i, code);
+    if (++mx == cw) mx = 0;
+  }
+}
+
+// Codes of eight pixels (pixel 0 first) into one byte of each plane.
+inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, size_t at, const uint32_t *codes8) {
+  for (uint32_t k = 0; k < planes; ++k) {
+    uint32_t byte = 0;
+    for (uint32_t b = 0; b < 8; ++b) byte = (byte << 1) | ((codes8[b] >> k) & 1u);
+    out[static_cast<size_t>(k) * bytes_per_plane + at] |= static_cast<uint8_t>(byte);
+  }
+}
+
+void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n,
+                     const uint8_t *ext) {
+  const uint32_t cw = o->cellWidth;
+  const uint8_t *base = o->levelBase;
+  const uint8_t *frac = o->levelFraction;
+  const uint16_t *codes = o->dotCodes;
+  // Code of each (value, above-the-entry) pair, looked up once a pixel.
+  uint32_t code_of[2][256];
+  for (uint32_t v = 0; v < 256; ++v) {
+    code_of[0][v] = codes[base[v]];
+    code_of[1][v] = base[v] < o->levels - 1 ? codes[base[v] + 1] : codes[base[v]];
+  }
+  uint32_t mx = x0 % cw;
+  uint32_t i = 0;
+  if ((x0 & 7) == 0) {
+    uint32_t c8[8];
+    for (; i + 8 <= n; i += 8) {
+      for (uint32_t b = 0; b < 8; ++b) {
+        const uint8_t v = in[i + b];
+        c8[b] = code_of[frac[v] > ext[mx] ? 1 : 0][v];
+        if (++mx == cw) mx = 0;
+      }
+      store_codes(out, o->bytesPerPlane, o->outputPlanes, (x0 + i) >> 3, c8);
+    }
+  }
+  for (; i < n; ++i) {
+    const uint8_t v = in[i];
+    const uint32_t level = base[v] + (frac[v] > ext[mx] ? 1u : 0u);
+    if (level != 0) write_code(out, o->bytesPerPlane, o->outputPlanes, x0 + i, codes[level]);
+    if (++mx == cw) mx = 0;
+  }
+}
+
+void pattern_span(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n, uint32_t ty) {
+  const uint32_t cw = o->cellWidth;
+  const uint32_t code = o->dotCodes[1];
+  const size_t row_offset = static_cast<size_t>(ty) * o->patternStride;
+  uint32_t mx = x0 % cw;
+  uint32_t i = 0;
+  // Tiles are as wide as the mask, a multiple of 8: eight pixels from one
+  // aligned tile byte each, when the span starts on an output byte.
+  if ((x0 & 7) == 0 && (cw & 7) == 0 && (mx & 7) == 0) {
+    for (; i + 8 <= n; i += 8) {
+      uint32_t byte = 0;
+      const size_t at = row_offset + (mx >> 3);
+      for (uint32_t b = 0; b < 8; ++b) {
+        const uint8_t *tile = o->ditherScreens[in[i + b]];
+        const uint32_t tile_byte = tile != nullptr ? tile[at] : 0u;
+        byte |= tile_byte & (0x80u >> b);
+      }
+      store_byte(out, o->bytesPerPlane, o->outputPlanes, code, (x0 + i) >> 3, byte);
+      mx += 8;
+      if (mx >= cw) mx -= cw;
+    }
+  }
+  for (; i < n; ++i) {
+    const uint8_t *tile = o->ditherScreens[in[i]];
+    if (tile != nullptr && ((tile[row_offset + (mx >> 3)] >> (7 - (mx & 7))) & 1u) != 0)
+      write_code(out, o->bytesPerPlane, o->outputPlanes, x0 + i, code);
+    if (++mx == cw) mx = 0;
+  }
+}
+
+template <typename Span>
+void over_bytes(ScreeningObject *o, void *input, uint32_t width, Span span) {
+  if (o->inputBits != 16) {
+    span(static_cast<const uint8_t *>(input), 0u, width);
+    return;
+  }
+  const uint16_t *in16 = static_cast<const uint16_t *>(input);
+  const uint8_t *table = zt::raster::table16to8();
+  uint8_t slice[kSlice];
+  for (uint32_t x = 0; x < width; x += kSlice) {
+    const uint32_t n = width - x < kSlice ? width - x : kSlice;
+    for (uint32_t i = 0; i < n; ++i) slice[i] = table[in16[x + i]];
+    span(slice, x, n);
+  }
+}
+
+}  // namespace
+
+void apply_input_lut(ScreeningObject *object, void *input, uint32_t width) {
+  if (object->inputLut == nullptr) return;
+  if (object->inputBits == 16) {
+    const uint16_t *lut = static_cast<const uint16_t *>(object->inputLut);
+    uint16_t *p = static_cast<uint16_t *>(input);
+    for (uint32_t i = 0; i < width; ++i) p[i] = lut[p[i]];
+  } else {
+    const uint8_t *lut = static_cast<const uint8_t *>(object->inputLut);
+    uint8_t *p = static_cast<uint8_t *>(input);
+    for (uint32_t i = 0; i < width; ++i) p[i] = lut[p[i]];
+  }
+}
+
+int32_t build_matrix_rows(ScreeningObject *object) {
+  const size_t stride = static_cast<size_t>(object->cellWidth) + 16;
+  object->matrixRows = static_cast<uint8_t *>(std::malloc(stride * object->cellHeight));
+  if (object->matrixRows == nullptr) {
+    ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
+    return -1;
+  }
+  for (uint32_t y = 0; y < object->cellHeight; ++y) {
+    const uint8_t *row = object->matrix + static_cast<size_t>(y) * object->cellWidth;
+    for (size_t x = 0; x < stride; ++x) object->matrixRows[y * stride + x] = row[x % object->cellWidth];
+  }
+  return 0;
+}
+
+int32_t build_level_tables(ScreeningObject *object) {
+  if (object->levels <= 2) return 0;
+  object->levelBase = static_cast<uint8_t *>(std::malloc(256));
+  object->levelFraction = static_cast<uint8_t *>(std::malloc(256));
+  if (object->levelBase == nullptr || object->levelFraction == nullptr) {
+    ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
+    return -1;
+  }
+  const uint32_t top = object->levels - 1;
+  double d[256];
+  for (uint32_t k = 0; k <= top; ++k)
+    d[k] = object->inputBits == 16 ? object->densities[k] * 255.0 / 65535.0 : object->densities[k];
+  uint32_t k = 0;
+  for (uint32_t v = 0; v < 256; ++v) {
+    while (k < top && d[k + 1] <= v) ++k;
+    if (k == top || v < d[0]) {
+      object->levelBase[v] = static_cast<uint8_t>(v < d[0] ? 0 : top);
+      object->levelFraction[v] = 0;
+      continue;
+    }
+    // The share of the darker drop that keeps the mean density at v.
+    const double f = (v - d[k]) / (d[k + 1] - d[k]);
+    object->levelBase[v] = static_cast<uint8_t>(k);
+    object->levelFraction[v] = static_cast<uint8_t>(std::floor(f * 255.0 + 0.5));
+  }
+  return 0;
+}
+
+int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
+  apply_input_lut(object, input, width);
+  std::memset(output, 0, object->outputBytes);
+  const uint8_t *row = object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
+  const bool multi = object->levelBase != nullptr;
+  over_bytes(object, input, width, [&](const uint8_t *in, uint32_t x0, uint32_t n) {
+    if (multi)
+      threshold_multi(object, in, output, x0, n, row);
+    else
+      threshold_two(object, in, output, x0, n, row);
+  });
+  return 0;
+}
+
+int32_t screen_pattern(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
+  apply_input_lut(object, input, width);
+  std::memset(output, 0, object->outputBytes);
+  const uint32_t ty = y % object->cellHeight;
+  over_bytes(object, input, width,
+             [&](const uint8_t *in, uint32_t x0, uint32_t n) { pattern_span(object, in, output, x0, n, ty); });
+  return 0;
+}
+
+}  // namespace zt::screening

@@ -1,0 +1,339 @@
+// Screening quality as statistics of flat patches with fixed seeds: tone
+// and end points for every mode, blue-noise spectra and worms for the mask
+// and pattern modes, a quality lock on the stated error diffusion, channel
+// decorrelation, multi-level tone, and the geometry and moire of the
+// clustered-dot cells. Each limit sits a margin above what we measured
+// (spread over 5 seeds where the screen is random), below the public anchor
+// where the design is ours.
+#include <gtest/gtest.h>
+#include <zt/random.h>
+#include <zt/screening.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <numeric>
+#include <vector>
+
+#include "screening/screening_metrics.h"
+#include "support/test_support.h"
+
+namespace {
+
+using zt::test::LibraryScope;
+namespace ht = zt::test::halftone;
+
+struct ObjectDeleter {
+  void operator()(ScreeningObject *o) const { DestroyScreeningObject(o); }
+};
+using Object = std::unique_ptr<ScreeningObject, ObjectDeleter>;
+
+bool verbose() { return std::getenv("ZT_QUALITY_VERBOSE") != nullptr; }
+
+ScreeningSettings settings_for(uint32_t mode, uint32_t levels = 2, uint32_t bits = 1) {
+  ScreeningSettings s{};
+  s.mode = mode;
+  s.levels = levels;
+  s.outputBits = bits;
+  s.linesPerInch = 150;
+  s.resolutionX = s.resolutionY = 600;
+  return s;
+}
+
+int64_t far_future() { return int64_t(1) << 40; }
+
+// Drops every unreferenced weight table, so that the next object draws a
+// fresh one from the seeded generator.
+void fresh_tables(uint64_t seed) {
+  screeningCacheSetClock(far_future);
+  screeningCachePurge();
+  screeningCacheSetClock(nullptr);
+  ZT_randomSeed(seed);
+}
+
+const uint32_t kSpectrumTones[] = {2, 4, 8, 16, 32, 64, 85, 128, 170, 191, 223, 239, 247, 251};
+
+TEST(ScreeningQuality, EndPointsAndThinLinesInEveryMode) {
+  LibraryScope library;
+  for (uint32_t mode : {1u, 2u, 3u, 8u, 9u, 10u, 11u}) {
+    for (uint32_t levels : {2u, 4u}) {
+      if (mode == 9 && levels == 4) continue;
+      ScreeningSettings s = settings_for(mode, levels, 2);
+      Object o(CreateScreeningObject(&s, 64, 8));
+      ASSERT_NE(o, nullptr) << mode;
+      for (uint32_t v : {0u, 255u}) {
+        const ht::Image img = ht::flat_patch(o.get(), v, 64, 0);
+        EXPECT_EQ(img.mean(), v == 0 ? 0.0 : 1.0) << "mode " << mode << " levels " << levels << " v " << v;
+      }
+      // A 1-px vertical line of full ink on paper comes through unbroken.
+      std::vector<uint8_t> in(64), out(o->outputBytes);
+      for (uint32_t y = 0; y < 64; ++y) {
+        std::fill(in.begin(), in.end(), 0);
+        in[17] = 255;
+        o->screenScanline(o.get(), in.data(), out.data(), 64, y);
+        uint32_t code = 0;
+        for (uint32_t p = 0; p < 2; ++p) code |= ((out[p * o->bytesPerPlane + 2] >> 6) & 1u) << p;
+        ASSERT_EQ(code, o->dotCodes[levels - 1]) << "mode " << mode << " line " << y;
+      }
+    }
+  }
+}
+
+TEST(ScreeningQuality, MatrixModesToneIsExactAndMonotone) {
+  LibraryScope library;
+  // Mask, pattern and super-cell: coverage round(v A / 255) / A over a whole
+  // number of tiles, so within 0.05 % of v / 255 and never falling.
+  for (uint32_t mode : {2u, 9u, 8u}) {
+    ScreeningSettings s = settings_for(mode);
+    s.linesPerInch = 200;
+    Object o(CreateScreeningObject(&s, 2048, 8));
+    ASSERT_NE(o, nullptr);
+    const uint32_t side = o->cellWidth >= 256 ? o->cellWidth : o->cellWidth * ((255 + o->cellWidth) / o->cellWidth);
+    ASSERT_EQ(o->cellWidth, o->cellHeight);
+    double last = 0, worst = 0, step = 0;
+    for (uint32_t v = 1; v < 255; ++v) {
+      const double m = ht::flat_patch(o.get(), v, side, 0).mean();
+      worst = std::fmax(worst, std::fabs(m - v / 255.0));
+      step = std::fmax(step, m - last);
+      ASSERT_GE(m, last) << mode << " v " << v;
+      last = m;
+    }
+    if (verbose()) std::printf("mode %u tile %u tone error %.5f%% step %.5f\n", mode, side, worst * 100, step);
+    EXPECT_LE(worst, 0.0005) << mode;
+    EXPECT_LE(step, 2 / 255.0) << mode;
+  }
+}
+
+TEST(ScreeningQuality, ErrorDiffusionToneAt8And16Bits) {
+  LibraryScope library;
+  fresh_tables(1);
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+  double worst8 = 0, worst16 = 0;
+  for (uint32_t v = 1; v < 255; ++v) {
+    Object o(CreateScreeningObject(&s, 320, 8));
+    worst8 = std::fmax(worst8, std::fabs(ht::flat_patch(o.get(), v, 320, 32).mean() - v / 255.0));
+  }
+  for (uint32_t i = 1; i <= 64; ++i) {
+    const uint32_t v = i * 1023;
+    Object o(CreateScreeningObject(&s, 320, 16));
+    worst16 = std::fmax(worst16, std::fabs(ht::flat_patch(o.get(), v, 320, 32).mean() - v / 65535.0));
+  }
+  if (verbose()) std::printf("ED tone 8-bit %.4f%% 16-bit %.4f%%\n", worst8 * 100, worst16 * 100);
+  EXPECT_LE(worst8, 0.0025);
+  EXPECT_LE(worst16, 0.0005);
+}
+
+TEST(ScreeningQuality, MultiLevelToneNeverFalls) {
+  LibraryScope library;
+  fresh_tables(2);
+  for (uint32_t mode : {3u, 2u}) {
+    ScreeningSettings s = settings_for(mode, 4, 2);
+    double last = 0, worst_step = 0;
+    Object o(CreateScreeningObject(&s, 256, 8));
+    for (uint32_t v = 0; v < 256; ++v) {
+      if (mode == 3) o.reset(CreateScreeningObject(&s, 320, 8));
+      const double d = mode == 3 ? ht::flat_patch(o.get(), v, 320, 32).mean() : ht::flat_patch(o.get(), v, 256, 0).mean();
+      if (v > 0) worst_step = std::fmax(worst_step, std::fabs(d - last - 1 / 255.0));
+      // Error diffusion is a statistic of a finite patch: a hair of slack.
+      ASSERT_GE(d, last - (mode == 3 ? 0.0005 : 0.0)) << mode << " v " << v;
+      last = d;
+    }
+    if (verbose()) std::printf("mode %u multi-level max |dD - 1/255| %.4f%%\n", mode, worst_step * 100);
+    EXPECT_LE(worst_step, mode == 3 ? 0.002 : 0.0005) << mode;
+  }
+}
+
+TEST(ScreeningQuality, BlueNoiseMaskSpectraAndWorms) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_BLUE_NOISE);
+  Object o(CreateScreeningObject(&s, 512, 8));
+  double worst_lfe = -100, worst_cut = 10, worst_cut_extreme = 10, worst_aniso = -100, worst_worm = 0;
+  for (uint32_t v : kSpectrumTones) {
+    const double g = v / 255.0;
+    const ht::Image tile = ht::flat_patch(o.get(), v, 128, 0);
+    const ht::Spectrum sp = ht::spectrum(tile, 128, tile.mean(), 1);
+    const ht::Image big = ht::flat_patch(o.get(), v, 512, 0);
+    const double worm = (g <= 1 / 16.0 || g >= 15 / 16.0) ? ht::worm_index(big, big.mean()) : 0;
+    if (verbose())
+      std::printf("mask v %3u LFE %6.2f cut %.2f aniso %5.2f worm %.3f\n", v, sp.lfe_db, sp.cutoff_ratio,
+                  sp.anisotropy_db, worm);
+    worst_lfe = std::fmax(worst_lfe, sp.lfe_db);
+    worst_cut = std::fmin(worst_cut, sp.cutoff_ratio);
+    if (g <= 1 / 16.0) worst_cut_extreme = std::fmin(worst_cut_extreme, sp.cutoff_ratio);
+    worst_aniso = std::fmax(worst_aniso, sp.anisotropy_db);
+    worst_worm = std::fmax(worst_worm, worm);
+  }
+  // Measured: LFE -5.1 dB worst (g = 1/128), cut-off 0.44 (g = 1/2),
+  // anisotropy 0.1 dB, worms 0.28 (g = 1/128); the mask is fixed, so the
+  // margins only absorb arithmetic.
+  EXPECT_LE(worst_lfe, -4.8);
+  EXPECT_GE(worst_cut, 0.42);
+  EXPECT_GE(worst_cut_extreme, 0.65);
+  EXPECT_LE(worst_aniso, 1.0);
+  EXPECT_LE(worst_worm, 0.29);
+}
+
+TEST(ScreeningQuality, ErrorDiffusionQualityLock) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+  double worst_lfe = -100, worst_aniso = -100, worst_worm = 0;
+  for (uint64_t seed : {3u, 4u}) {
+    fresh_tables(seed);
+    for (uint32_t v : kSpectrumTones) {
+      Object o(CreateScreeningObject(&s, 1152, 8));
+      const ht::Image img = ht::flat_patch(o.get(), v, 1152, 64);
+      const double g = img.mean();
+      const ht::Spectrum sp = ht::spectrum(img, 256, g, 16);
+      const double worm = (v <= 16 || v >= 239) ? ht::worm_index(img, g) : 0;
+      if (verbose())
+        std::printf("ED seed %lu v %3u LFE %6.2f cut %.2f aniso %5.2f worm %.3f\n", static_cast<unsigned long>(seed), v,
+                    sp.lfe_db, sp.cutoff_ratio, sp.anisotropy_db, worm);
+      worst_lfe = std::fmax(worst_lfe, sp.lfe_db);
+      worst_aniso = std::fmax(worst_aniso, sp.anisotropy_db);
+      worst_worm = std::fmax(worst_worm, worm);
+    }
+  }
+  // A wrong neighbour slot, a missing serpentine flip or a stuck cursor
+  // breaks one of these.
+  EXPECT_LE(worst_lfe, -4.5);
+  EXPECT_LE(worst_aniso, 8.0);
+  EXPECT_LE(worst_worm, 0.36);
+}
+
+TEST(ScreeningQuality, ChannelsAreDecorrelated) {
+  LibraryScope library;
+  for (uint32_t mode : {2u, 3u, 9u}) {
+    fresh_tables(5);
+    std::vector<ht::Image> patterns;
+    for (uint32_t channel = 0; channel < 2; ++channel) {
+      ScreeningSettings s = settings_for(mode);
+      s.channel = channel;
+      Object o(CreateScreeningObject(&s, 512, 8));
+      patterns.push_back(ht::flat_patch(o.get(), 128, 512, 0));
+    }
+    double both = 0;
+    for (size_t i = 0; i < patterns[0].v.size(); ++i) both += patterns[0].v[i] * patterns[1].v[i];
+    const double n = double(patterns[0].v.size());
+    const double g = patterns[0].mean();
+    if (verbose()) std::printf("mode %u cross %.4f vs g^2 %.4f\n", mode, both / n, g * g);
+    EXPECT_NEAR(both / n, g * g, 2 / std::sqrt(n)) << mode;
+  }
+}
+
+TEST(ScreeningQuality, PatternTilesAreNested) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_PATTERN);
+  Object o(CreateScreeningObject(&s, 16, 8));
+  const size_t bytes = size_t(o->patternStride) * o->cellHeight;
+  const double area = double(o->cellWidth) * o->cellHeight;
+  EXPECT_EQ(o->ditherScreens[0], nullptr);
+  for (uint32_t v = 1; v < 256; ++v) {
+    size_t ones = 0;
+    for (size_t i = 0; i < bytes; ++i) {
+      ones += size_t(__builtin_popcount(o->ditherScreens[v][i]));
+      if (v > 1) {
+        ASSERT_EQ(o->ditherScreens[v - 1][i] & ~o->ditherScreens[v][i], 0) << v;
+      }
+    }
+    EXPECT_EQ(double(ones), std::floor(v * area / 255 + 0.5)) << v;
+  }
+}
+
+// The cell as device-pixel vector (M / R, N / R) at X x Y dpi: the library's
+// reported frequency and angle against the formula, and the error limits.
+TEST(ScreeningQuality, CellGeometry) {
+  LibraryScope library;
+  double worst_f1024 = 0, worst_a1024 = 0, worst_f4096 = 0, worst_a4096 = 0;
+  for (uint32_t dpi : {600u, 720u, 1200u, 1440u})
+    for (double lpi : {100.0, 150.0, 200.0})
+      for (double angle : {0.0, 15.0, 45.0, 75.0}) {
+        ScreeningSettings s = settings_for(ZT_SCREEN_HALFTONE_RATIONAL);
+        s.resolutionX = s.resolutionY = dpi;
+        s.linesPerInch = lpi;
+        s.angle = angle;
+        uint8_t *m = nullptr;
+        uint32_t w = 0, h = 0;
+        double f = 0, a = 0;
+        ASSERT_EQ(SuperCellCreate_rational(&s, &m, &w, &h, &f, &a), 0);
+        std::free(m);
+        // One plain cell: its corners are whole pixels, so the reported
+        // figures come from an integer vector.
+        const double mx = dpi / f * std::cos(a * M_PI / 180), ny = dpi / f * std::sin(a * M_PI / 180);
+        EXPECT_NEAR(mx, std::round(mx), 1e-9);
+        EXPECT_NEAR(ny, std::round(ny), 1e-9);
+        EXPECT_EQ(w, uint32_t(std::lround(mx * mx + ny * ny)) / std::gcd(uint32_t(std::lround(std::fabs(mx))), uint32_t(std::lround(std::fabs(ny)))));
+        for (uint32_t side : {1024u, 4096u}) {
+          s.mode = ZT_SCREEN_HALFTONE_SUPERCELL;
+          s.maxTileSide = side;
+          ASSERT_EQ(SuperCellCreate(&s, nullptr, &w, &h, &f, &a), 0);  // geometry only
+          EXPECT_LE(w, side);
+          const double fe = std::fabs(f - lpi) / lpi, ae = std::fabs(a - angle);
+          (side == 1024 ? worst_f1024 : worst_f4096) = std::fmax(side == 1024 ? worst_f1024 : worst_f4096, fe);
+          (side == 1024 ? worst_a1024 : worst_a4096) = std::fmax(side == 1024 ? worst_a1024 : worst_a4096, ae);
+        }
+      }
+  if (verbose())
+    std::printf("super-cell <=1024: %.3f%% %.3f deg; <=4096: %.3f%% %.3f deg\n", worst_f1024 * 100, worst_a1024,
+                worst_f4096 * 100, worst_a4096);
+  EXPECT_LE(worst_f1024, 0.0105);
+  EXPECT_LE(worst_a1024, 0.9);
+  EXPECT_LE(worst_f4096, 0.005);
+  EXPECT_LE(worst_a4096, 0.1);
+  // At 600 dpi and 200 lpi or coarser the super-cell has all 256 levels.
+  ScreeningSettings s = settings_for(ZT_SCREEN_HALFTONE_SUPERCELL);
+  s.linesPerInch = 200;
+  s.angle = 15;
+  Object o(CreateScreeningObject(&s, 64, 8));
+  std::vector<bool> seen(256, false);
+  for (size_t i = 0; i < size_t(o->cellWidth) * o->cellHeight; ++i) seen[o->matrix[i]] = true;
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 255);  // entries 0 ... 254: 256 tones
+}
+
+// The default set's first-order moire term f_C1 + f_K2 - f_M1 in exact
+// integers, each f = (M, N) R / (M^2 + N^2) over a common denominator.
+TEST(ScreeningQuality, DefaultCMYKSetHasNoMoireResidual) {
+  LibraryScope library;
+  int32_t c[3], m[3], k[3];
+  ASSERT_EQ(screeningDefaultCMYKCell(0, c), 0);
+  ASSERT_EQ(screeningDefaultCMYKCell(1, m), 0);
+  ASSERT_EQ(screeningDefaultCMYKCell(3, k), 0);
+  auto len2 = [](const int32_t *v) { return int64_t(v[0]) * v[0] + int64_t(v[1]) * v[1]; };
+  const int64_t den = len2(c) * len2(m) * len2(k);
+  auto f1 = [&](const int32_t *v, int axis) { return int64_t(v[axis]) * v[2] * (den / len2(v)); };
+  // f2 is f1 turned by 90 degrees: (-N, M).
+  const int64_t rx = f1(c, 0) + (-f1(k, 1)) - f1(m, 0);
+  const int64_t ry = f1(c, 1) + f1(k, 0) - f1(m, 1);
+  EXPECT_EQ(rx, 0);
+  EXPECT_EQ(ry, 0);
+  // The set's geometry at every dpi: the angles of those cells, C and M
+  // within 1 % of the request, K's cell 0.894 of theirs. One object is built
+  // whole to see the flag reach it.
+  for (uint32_t dpi : {600u, 720u, 1200u, 1440u}) {
+    for (uint32_t ch = 0; ch < 4; ++ch) {
+      ScreeningSettings s = settings_for(ZT_SCREEN_HALFTONE_SUPERCELL);
+      s.flags = ZT_SCREEN_FLAG_CMYK_SET;
+      s.channel = ch;
+      s.resolutionX = s.resolutionY = dpi;
+      uint32_t w = 0, h = 0;
+      double lpi = 0, angle = 0;
+      ASSERT_EQ(SuperCellCreate(&s, nullptr, &w, &h, &lpi, &angle), 0);
+      int32_t cell[3];
+      screeningDefaultCMYKCell(ch, cell);
+      EXPECT_NEAR(angle, std::atan2(cell[1], cell[0]) * 180 / M_PI, 1e-9);
+      const double expected = ch == 3 ? 150 * 2 / (5 * std::sqrt(2.0)) * std::sqrt(10.0) : 150;
+      if (ch != 2) {
+        EXPECT_NEAR(lpi, expected, expected * 0.01) << dpi << " " << ch;
+      }
+      EXPECT_LE(w, 1024u);
+    }
+  }
+  ScreeningSettings s = settings_for(ZT_SCREEN_HALFTONE_SUPERCELL);
+  s.flags = ZT_SCREEN_FLAG_CMYK_SET;
+  s.channel = 3;
+  Object o(CreateScreeningObject(&s, 64, 8));
+  ASSERT_NE(o, nullptr);
+  EXPECT_NEAR(o->effectiveAngle, 45.0, 1e-9);
+}
+
+}  // namespace

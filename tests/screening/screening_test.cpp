@@ -1,0 +1,558 @@
+// Screening objects: the exact parts (evenly spaced levels, the 4 x 4 cell,
+// the weight table, a hand-worked error-diffusion case, spot boundaries, the
+// stochastic cache on an injected clock), the refusals with their messages,
+// the VRFS reader, and the whole-image 16-to-8 path.
+#include <gtest/gtest.h>
+#include <zt/dither.h>
+#include <zt/random.h>
+#include <zt/screening.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+#include <zt/init.h>
+
+#include "support/test_support.h"
+
+namespace {
+
+using zt::test::LibraryScope;
+using zt::test::LogCapture;
+using zt::test::TempDir;
+
+ScreeningSettings settings_for(uint32_t mode, uint32_t levels = 2, uint32_t bits = 1) {
+  ScreeningSettings s{};
+  s.mode = mode;
+  s.levels = levels;
+  s.outputBits = bits;
+  s.linesPerInch = 150;
+  s.resolutionX = s.resolutionY = 600;
+  return s;
+}
+
+struct ObjectDeleter {
+  void operator()(ScreeningObject *o) const { DestroyScreeningObject(o); }
+};
+using Object = std::unique_ptr<ScreeningObject, ObjectDeleter>;
+
+bool bit(const uint8_t *plane, uint32_t x) { return ((plane[x >> 3] >> (7 - (x & 7))) & 1) != 0; }
+
+TEST(ScreeningLevels, EvenlySpacedFromTheTextsNumbers) {
+  uint16_t t[256], d[256], c[256];
+  ASSERT_EQ(GeneratePixelThresholds(2, t, 8), 0);
+  ASSERT_EQ(GeneratePixelDensities(2, d, 8), 0);
+  EXPECT_EQ(t[0], 0);
+  EXPECT_EQ(t[1], 128);
+  EXPECT_EQ(d[0], 0);
+  EXPECT_EQ(d[1], 255);
+  // Three levels: s = 127.5, so the middle density rounds up and the
+  // thresholds sit half-way.
+  GeneratePixelThresholds(3, t, 8);
+  GeneratePixelDensities(3, d, 8);
+  EXPECT_EQ(std::vector<uint16_t>(t, t + 3), (std::vector<uint16_t>{0, 64, 191}));
+  EXPECT_EQ(std::vector<uint16_t>(d, d + 3), (std::vector<uint16_t>{0, 128, 255}));
+  GeneratePixelThresholds(4, t, 16);
+  GeneratePixelDensities(4, d, 16);
+  EXPECT_EQ(std::vector<uint16_t>(t, t + 4), (std::vector<uint16_t>{0, 10923, 32768, 54613}));
+  EXPECT_EQ(std::vector<uint16_t>(d, d + 4), (std::vector<uint16_t>{0, 21845, 43690, 65535}));
+  // Where doubles and exact fractions part, the doubles hold: 255/21 * 10.5
+  // is 127.49999... in doubles, 127.5 exactly.
+  GeneratePixelThresholds(22, t, 8);
+  EXPECT_EQ(t[11], 127);
+  GeneratePixelDensities(51, d, 8);
+  EXPECT_EQ(d[25], 127);
+  EXPECT_EQ(d[45], 229);
+  GeneratePixelDotsizes(5, c);
+  for (uint16_t i = 0; i < 5; ++i) EXPECT_EQ(c[i], i);
+  // Every count: thresholds rise strictly and lie between their densities.
+  for (uint32_t levels = 2; levels <= 256; ++levels) {
+    GeneratePixelThresholds(levels, t, 8);
+    GeneratePixelDensities(levels, d, 8);
+    for (uint32_t i = 1; i < levels; ++i) {
+      ASSERT_GT(t[i], t[i - 1]) << levels;
+      ASSERT_GE(t[i], d[i - 1]) << levels;
+      ASSERT_LE(t[i], d[i]) << levels;
+    }
+  }
+}
+
+ScreeningDrop drop(uint32_t code, double y, double density) {
+  ScreeningDrop d{};
+  d.dotCode = code;
+  d.xyz[0] = y * 0.95;
+  d.xyz[1] = y;
+  d.xyz[2] = y * 1.08;
+  d.density = density;
+  return d;
+}
+
+TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
+  LibraryScope library;
+  const ScreeningDrop drops[4] = {drop(0, 0.9, 0.05), drop(1, 0.5, 0.35), drop(3, 0.2, 0.75), drop(2, 0.04, 1.45)};
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC, 4, 2);
+  s.drops = drops;
+  s.dropCount = 4;
+  s.yuleNielsen = 1.0;
+  for (uint32_t source : {ZT_LEVELS_LAB_V1, ZT_LEVELS_LAB_V2, ZT_LEVELS_DENSITY}) {
+    s.levelSource = source;
+    uint16_t *t = nullptr, *d = nullptr, *c = nullptr;
+    ASSERT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), 0) << source;
+    EXPECT_EQ(d[0], 0) << source;
+    EXPECT_EQ(d[3], 255) << source;
+    EXPECT_EQ(t[0], 0);
+    for (int i = 1; i < 4; ++i) EXPECT_EQ(t[i], static_cast<uint16_t>(std::floor(0.5 + d[i - 1] + (d[i] - d[i - 1]) * 0.5)));
+    EXPECT_EQ(std::vector<uint16_t>(c, c + 4), (std::vector<uint16_t>{0, 1, 3, 2}));
+    std::free(t);
+    std::free(d);
+    std::free(c);
+  }
+  // V1 by hand: Yule-Nielsen with n = 1 is Murray-Davies on reflectance, so
+  // the drop of Y 0.5 between 0.9 and 0.04 sits at 46.5 % -> 119.
+  s.levelSource = ZT_LEVELS_LAB_V1;
+  uint16_t *t = nullptr, *d = nullptr, *c = nullptr;
+  ASSERT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), 0);
+  EXPECT_EQ(d[1], static_cast<uint16_t>(std::floor(255 * (0.9 - 0.5) / (0.9 - 0.04) + 0.5)));
+  std::free(t);
+  std::free(d);
+  std::free(c);
+
+  // Two drops of the same density: refused, nothing survives.
+  ScreeningDrop same[4] = {drops[0], drops[1], drops[1], drops[3]};
+  s.drops = same;
+  for (uint32_t source : {ZT_LEVELS_LAB_V1, ZT_LEVELS_LAB_V2, ZT_LEVELS_DENSITY}) {
+    s.levelSource = source;
+    LogCapture capture;
+    t = d = c = reinterpret_cast<uint16_t *>(&s);
+    EXPECT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), -1);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(d, nullptr);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_TRUE(capture.contains("Inconsistent data in paperprofile, some pixels are lighter or the same density. "
+                                 "Please fix and try again"));
+    EXPECT_EQ(capture.count(), 1u);
+  }
+  // Measured densities out of order, and a code past 16 bits (a warning).
+  ScreeningDrop unordered[4] = {drops[0], drops[2], drops[1], drops[3]};
+  unordered[3].dotCode = 0x10002;
+  s.drops = unordered;
+  s.levelSource = ZT_LEVELS_DENSITY;
+  LogCapture capture;
+  EXPECT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), -1);
+  EXPECT_TRUE(capture.contains("Dots must be ordered by density in the paperprofile, please resave and try again"));
+  EXPECT_TRUE(capture.contains("warning: Paper profile cotains a dot size of 65538, which does not fit into 16 bits"));
+}
+
+TEST(ScreeningLevels, ReflectanceColumn) {
+  const double x[3] = {0.8, 0.7, 0.6}, y[3] = {0.9, 0.3, 0.05}, z[3] = {0.9, 0.85, 0.8};
+  double out[3];
+  EXPECT_EQ(getXYZChannelToUseAsReflectance(x, y, z, 3, ZT_REFLECTANCE_AUTO, out), ZT_REFLECTANCE_Y);
+  EXPECT_EQ(out[2], 0.05);
+  EXPECT_EQ(getXYZChannelToUseAsReflectance(x, y, z, 3, ZT_REFLECTANCE_Z, out), ZT_REFLECTANCE_Z);
+  EXPECT_EQ(out[0], 0.9);
+  // A yellow ink absorbs in Z: the automatic choice follows it.
+  const double zy[3] = {0.9, 0.2, 0.02};
+  EXPECT_EQ(getXYZChannelToUseAsReflectance(x, z, zy, 3, ZT_REFLECTANCE_AUTO, out), ZT_REFLECTANCE_Z);
+}
+
+TEST(ScreeningCells, FixedCellSpotBoundariesAndTiling) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_ORDERED_4X4);
+  Object o(CreateScreeningObject(&s, 64, 8));
+  ASSERT_NE(o, nullptr);
+  const uint8_t expected[16] = {238, 102, 204, 68, 34, 170, 0, 136, 187, 51, 221, 85, 239, 119, 17, 153};
+  ASSERT_EQ(o->cellWidth, 4u);
+  ASSERT_EQ(o->cellHeight, 4u);
+  EXPECT_EQ(0, std::memcmp(o->matrix, expected, 16));
+
+  // Shape 4: s = 0.75 takes the middle formula, s = 1.25 the outer one;
+  // shape 5: s = 1 the inner one. The 0.85 and 0.7 weights stay.
+  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.5, 0.25), 1.0 - 0.85 * 0.5 - 0.25);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.25, 0.5), 1.0 - 0.85 * 0.25 - 0.5);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.75, 0.5), 0.25 * 0.25 + 0.5 * 0.5 - 1.0);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.25, 0.25), 1.0 - 0.0625 - 0.0625);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(5, 0.5, 0.5), 0.5);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(5, 0.75, 0.5), 0.0625 + 0.25 - 1.0);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(9, 0.5, 0.5), 0.5);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(2, 0.5, -0.5), 1.0 - 0.25 - 0.7 * 0.25);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(3, -0.5, 0.5), 0.25 + 0.7 * 0.25 - 1.0);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(6, 0.3, -0.4), 0.6);
+  EXPECT_DOUBLE_EQ(screeningSpotValue(1, 0.3, 0.4), 0.09 + 0.16 - 1.0);
+
+  // The rational cell reports exactly the formula of its vector, and the
+  // matrix repeats with its own size.
+  s = settings_for(ZT_SCREEN_HALFTONE_RATIONAL);
+  s.angle = 15;
+  uint8_t *m = nullptr;
+  uint32_t w = 0, h = 0;
+  double lpi = 0, angle = 0;
+  ASSERT_EQ(SuperCellCreate_rational(&s, &m, &w, &h, &lpi, &angle), 0);
+  EXPECT_EQ(w, 17u);  // (4, 1): 4^2 + 1^2 = 17
+  EXPECT_EQ(h, 17u);
+  EXPECT_DOUBLE_EQ(lpi, 600.0 / std::sqrt(17.0));
+  EXPECT_DOUBLE_EQ(angle, std::atan2(1.0, 4.0) * 180.0 / 3.14159265358979323846);
+  std::free(m);
+}
+
+// The worked case: 2 levels, 8 bits, 4 pixels of 100 on two lines, with a
+// weight table of two known groups put in place of the drawn one.
+TEST(ScreeningErrorDiffusion, TwoLineGoldenWorkedByHand) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+  Object o(CreateScreeningObject(&s, 4, 8));
+  ASSERT_NE(o, nullptr);
+  int32_t *saved[3] = {o->weightTable, o->weightTableEnd, o->weightCursor};
+  int32_t table[8] = {1024, 1024, 4096, 2048, 0, 2048, 6144, 0};
+  o->weightTable = o->weightCursor = table;
+  o->weightTableEnd = table + 8;
+  uint8_t in[4] = {100, 100, 100, 100};
+  uint8_t out = 0xFF;
+  ASSERT_EQ(o->screenScanline(o.get(), in, &out, 4, 0), 0);
+  EXPECT_EQ(out, 0x40);
+  EXPECT_EQ(o->serpentine, 1u);
+  EXPECT_EQ(o->weightCursor, table);
+  const int32_t after0[4] = {204800, 124928, -169984, 22528};
+  EXPECT_EQ(0, std::memcmp(o->errorRowA + 4, after0, sizeof after0));
+  ASSERT_EQ(o->screenScanline(o.get(), in, &out, 4, 1), 0);
+  EXPECT_EQ(out, 0xA0);  // right to left: pixels 2 and 0
+  EXPECT_EQ(o->serpentine, 0u);
+  EXPECT_EQ(o->weightCursor, table);
+  const int32_t after1[4] = {22528, -210944, 126976, 208896};
+  EXPECT_EQ(0, std::memcmp(o->errorRowA + 4, after1, sizeof after1));
+  o->weightTable = saved[0];
+  o->weightTableEnd = saved[1];
+  o->weightCursor = saved[2];
+}
+
+TEST(ScreeningErrorDiffusion, WeightTableAndCacheSharing) {
+  LibraryScope library;
+  ZT_randomSeed(7);
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+  Object a(CreateScreeningObject(&s, 100, 8));
+  Object b(CreateScreeningObject(&s, 100, 8));
+  s.mode = ZT_SCREEN_STOCHASTIC_B;
+  Object c(CreateScreeningObject(&s, 100, 8));
+  Object d(CreateScreeningObject(&s, 100, 16));
+  ASSERT_TRUE(a && b && c && d);
+  EXPECT_EQ(a->weightTable, b->weightTable);
+  EXPECT_NE(a->weightTable, c->weightTable);
+  EXPECT_NE(c->weightTable, d->weightTable);
+  EXPECT_NE(a->cached, 0u);
+  ASSERT_EQ(a->weightTableEnd - a->weightTable, 24604);
+  for (const int32_t *g = a->weightTable; g < a->weightTableEnd; g += 4) {
+    ASSERT_EQ(g[0] + g[1], 2048);
+    ASSERT_EQ(g[2] + g[3], 6144);
+    ASSERT_GE(g[1], 0);
+    ASSERT_LE(g[1], 1024);  // r1 <= 22: 22/176 of 8192
+    ASSERT_GE(g[3], 0);
+    ASSERT_LE(g[3], 5120);  // r2 <= 110
+  }
+  // The cursor moves four entries a pixel that spreads error and wraps.
+  std::vector<uint8_t> line(100, 77), out(13);
+  a->weightCursor = a->weightTableEnd - 8;
+  a->screenScanline(a.get(), line.data(), out.data(), 100, 0);
+  // (Pixels that land exactly on a density spread nothing and take no group.)
+  const ptrdiff_t moved = a->weightCursor - a->weightTable;
+  EXPECT_EQ(moved % 4, 0);
+  EXPECT_GE(moved, 4);
+  EXPECT_LE(moved, 4 * 98);
+}
+
+TEST(ScreeningErrorDiffusion, ZeroPixelsEdgesAndLongPages) {
+  LibraryScope library;
+  ZT_randomSeed(11);
+  for (uint32_t levels : {2u, 4u}) {
+    ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC, levels, 2);
+    Object o(CreateScreeningObject(&s, 257, 8));
+    ASSERT_NE(o, nullptr);
+    std::vector<uint8_t> in(257), out(o->outputBytes);
+    // Zero pixels never print, whatever the carry from dark neighbours; a
+    // 1-px line at full ink on paper prints unbroken.
+    for (uint32_t y = 0; y < 200; ++y) {
+      for (uint32_t x = 0; x < 257; ++x) in[x] = (x % 3 == 0) ? 0 : (x == 100 ? 255 : static_cast<uint8_t>(200 + x % 50));
+      o->screenScanline(o.get(), in.data(), out.data(), 257, y);
+      for (uint32_t x = 0; x < 257; x += 3)
+        for (uint32_t p = 0; p < 2; ++p) ASSERT_FALSE(bit(out.data() + p * o->bytesPerPlane, x)) << x;
+    }
+    Object line(CreateScreeningObject(&s, 64, 8));
+    std::vector<uint8_t> ground(64, 0), lout(line->outputBytes);
+    ground[31] = 255;
+    for (uint32_t y = 0; y < 64; ++y) {
+      line->screenScanline(line.get(), ground.data(), lout.data(), 64, y);
+      uint32_t code = 0;
+      for (uint32_t p = 0; p < 2; ++p) code |= bit(lout.data() + p * line->bytesPerPlane, 31) << p;
+      ASSERT_EQ(code, line->dotCodes[levels - 1]) << y;
+      for (uint32_t x = 0; x < 64; ++x) {
+        if (x != 31) {
+          ASSERT_FALSE(bit(lout.data(), x));
+        }
+      }
+    }
+  }
+  // 20,000 lines of a flat patch: the 16 columns at each edge keep the tone
+  // and no error entry grows (the ones under the first pixel and behind it
+  // are cleared every line).
+  for (uint8_t tone : {8, 128, 250}) {
+    ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+    const uint32_t width = 64;
+    Object o(CreateScreeningObject(&s, width, 8));
+    std::vector<uint8_t> in(width), out(o->outputBytes);
+    uint32_t left = 0, right = 0;
+    const uint32_t lines = 20000;
+    for (uint32_t y = 0; y < lines; ++y) {
+      std::memset(in.data(), tone, width);
+      o->screenScanline(o.get(), in.data(), out.data(), width, y);
+      for (uint32_t x = 0; x < 16; ++x) {
+        left += bit(out.data(), x);
+        right += bit(out.data(), width - 1 - x);
+      }
+      for (uint32_t x = 0; x < width + 8; ++x) ASSERT_LT(std::abs(o->errorRowA[x]), 1 << 26);
+    }
+    // The stated walk drops the shares that leave the line, so the outer
+    // columns run a little light in highlights; they must not run away.
+    EXPECT_NEAR(left / double(lines) / 16, tone / 255.0, 0.008) << int(tone);
+    EXPECT_NEAR(right / double(lines) / 16, tone / 255.0, 0.008) << int(tone);
+  }
+}
+
+TEST(ScreeningObjects, RefusalsCarryTheirMessages) {
+  LibraryScope library;
+  struct Case {
+    ScreeningSettings s;
+    uint32_t width, bits;
+    const char *message;
+  };
+  auto with = [](ScreeningSettings s, auto f) {
+    f(s);
+    return s;
+  };
+  const Case cases[] = {
+      {settings_for(4), 10, 8, "Uknown screening mode requested"},
+      {settings_for(6), 10, 8, "Uknown screening mode requested"},
+      {settings_for(99), 10, 8, "Uknown screening mode requested"},
+      {settings_for(7), 10, 8, "Screening mode 7 is not supported"},
+      {settings_for(ZT_SCREEN_STOCHASTIC, 5, 2), 10, 8, "screenlevels 5 is too large for bpp = 2"},
+      {settings_for(ZT_SCREEN_STOCHASTIC), 10, 12, "12 bits per pixel is not currently supported"},
+      {settings_for(ZT_SCREEN_PATTERN), 10, 16,
+       "16 bits per pixel input is not currently supported, please use Stochastic screening instead"},
+      {settings_for(ZT_SCREEN_STOCHASTIC), 0, 8, "Bad scanline width 0"},
+      {settings_for(ZT_SCREEN_STOCHASTIC), 0x80000000u, 8, "Bad scanline width 2147483648"},
+      {with(settings_for(ZT_SCREEN_HALFTONE_SUPERCELL), [](auto &s) { s.linesPerInch = 1.0; }), 10, 8,
+       "Bad LPI 1.000000, value must be greater than 1.0"},
+      {with(settings_for(ZT_SCREEN_STOCHASTIC), [](auto &s) { s.linearisationPoints = 1; }), 10, 8,
+       "Cannot create channel linearisation lut"},
+      {with(settings_for(ZT_SCREEN_STOCHASTIC), [](auto &s) { s.inkLimit = 120; }), 10, 8,
+       "Cannot create channel ink limiting lut"},
+  };
+  for (const Case &c : cases) {
+    LogCapture capture;
+    EXPECT_EQ(CreateScreeningObject(&c.s, c.width, c.bits), nullptr) << c.message;
+    EXPECT_TRUE(capture.contains(c.message)) << c.message;
+    EXPECT_EQ(capture.count(), 1u) << c.message;
+  }
+  LogCapture capture;
+  EXPECT_EQ(CreateScreeningObject16To8(2, 100), nullptr);
+  EXPECT_TRUE(capture.contains("Only stochastic screening is currently supported"));
+  DestroyScreeningObject(nullptr);
+}
+
+TEST(ScreeningObjects, LinearisationAndInkLimitReachTheInput) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_ORDERED_4X4);
+  const uint16_t curve[3] = {0, 16384, 65535};  // darkens the light half less
+  s.linearisationPoints = 3;
+  s.linearisation = curve;
+  s.inkLimit = 50;
+  Object o(CreateScreeningObject(&s, 8, 8));
+  ASSERT_NE(o, nullptr);
+  ASSERT_NE(o->inputLut, nullptr);
+  uint8_t in[8] = {0, 64, 128, 255, 255, 255, 255, 255}, out[1];
+  o->screenScanline(o.get(), in, out, 8, 0);
+  // The curve gives 64.5 of 255 at 128 (rounded up to 65), then half of it.
+  EXPECT_EQ(in[1], 16);
+  EXPECT_EQ(in[2], 33);
+  EXPECT_EQ(in[0], 0);
+  EXPECT_EQ(in[3], 128);  // full ink limited to half
+  s.linearisationPoints = 0;
+  s.inkLimit = 0;
+  Object plain(CreateScreeningObject(&s, 8, 8));
+  EXPECT_EQ(plain->inputLut, nullptr);
+}
+
+int64_t g_now = 1000;
+int64_t fake_clock() { return g_now; }
+
+TEST(ScreeningCache, ReferencesIdleTimeAndCrowding) {
+  LibraryScope library;
+  screeningCacheSetClock(fake_clock);
+  g_now = 1000;
+  ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
+  screeningCachePurge();
+  const uint32_t before = screeningCacheCount();
+  Object a(CreateScreeningObject(&s, 16, 8));
+  Object b(CreateScreeningObject(&s, 16, 8));
+  s.mode = ZT_SCREEN_STOCHASTIC_B;
+  Object c(CreateScreeningObject(&s, 16, 16));
+  EXPECT_EQ(screeningCacheCount(), before + 2);
+  a.reset();
+  g_now += 500;
+  screeningCachePurge();  // b still holds the table
+  EXPECT_EQ(screeningCacheCount(), before + 2);
+  b.reset();  // released at 1500
+  g_now += 119;
+  screeningCachePurge();
+  EXPECT_EQ(screeningCacheCount(), before + 2);
+  g_now += 2;  // 121 s idle
+  screeningCachePurge();
+  EXPECT_EQ(screeningCacheCount(), before + 1);
+  // A referenced entry outlives any idle time.
+  g_now += 10000;
+  screeningCachePurge();
+  EXPECT_EQ(screeningCacheCount(), before + 1);
+  c.reset();
+  screeningCachePurge();  // just released: kept
+  EXPECT_EQ(screeningCacheCount(), before + 1);
+  g_now += 121;
+  screeningCachePurge();
+  EXPECT_EQ(screeningCacheCount(), before);
+  screeningCacheSetClock(nullptr);
+}
+
+TEST(ScreeningVRFS, FilesAndEveryBadOne) {
+  LibraryScope library;
+  TempDir root;
+  ASSERT_EQ(ZTSetVariables(root.path().c_str()), 0);
+  ASSERT_EQ(::mkdir((root.path() + "/lib").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((root.path() + "/lib/screens").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((root.path() + "/lib/screens/vrfs").c_str(), 0755), 0);
+  const std::string dir = root.path() + "/lib/screens/vrfs/";
+  zt::test::write_file(dir + "dots.vrfs", "3 2\n00 80 fe\n40 c0 10\n");
+  ScreeningSettings s = settings_for(ZT_SCREEN_VRFS);
+  s.screenName = "dots.vrfs";
+  Object o(CreateScreeningObject(&s, 6, 8));
+  ASSERT_NE(o, nullptr);
+  EXPECT_EQ(o->cellWidth, 3u);
+  EXPECT_EQ(o->cellHeight, 2u);
+  const uint8_t expected[6] = {0x00, 0x80, 0xfe, 0x40, 0xc0, 0x10};
+  EXPECT_EQ(0, std::memcmp(o->matrix, expected, 6));
+  uint8_t in[6] = {0x81, 0x81, 0x81, 0x81, 0x81, 0x81}, out[1];
+  o->screenScanline(o.get(), in, out, 6, 0);
+  EXPECT_EQ(out[0], 0xD8);  // above 00 and 80, not fe; repeated every 3
+
+  struct Bad {
+    const char *name, *text, *message;
+  };
+  const Bad bad[] = {
+      {"empty.vrfs", "  \n", "Error reading Mx, My from  "},
+      {"letters.vrfs", "x 2\n00", "Error converting Mx, My from  "},
+      {"huge.vrfs", "99999999999 99999999999\n", "Error converting Mx, My from  "},
+      {"zero.vrfs", "0 4\n", "Error converting Mx, My from  "},
+      {"short.vrfs", "4 4\n00 11 22", "Error reading array from  "},
+      {"bad.vrfs", "2 1\n0g 11", "Illegal array value g read from  "},
+      {"tail.vrfs", "1 1\n00 zz", "Illegal array value z read from  "},
+  };
+  for (const Bad &b : bad) {
+    zt::test::write_file(dir + b.name, b.text);
+    s.screenName = b.name;
+    LogCapture capture;
+    EXPECT_EQ(CreateScreeningObject(&s, 6, 8), nullptr) << b.name;
+    EXPECT_TRUE(capture.contains(std::string(b.message) + dir + b.name)) << b.name;
+    EXPECT_EQ(capture.count(), 1u) << b.name;
+  }
+  for (const char *name : {"missing.vrfs", "../escape.vrfs"}) {
+    s.screenName = name;
+    LogCapture capture;
+    EXPECT_EQ(CreateScreeningObject(&s, 6, 8), nullptr);
+    EXPECT_TRUE(capture.contains("Cannot open file ")) << name;
+  }
+  ZTReleaseVariables();
+}
+
+TEST(ScreeningWholeImage, SixteenToEightByErrorDiffusion) {
+  LibraryScope library;
+  DitherContext ctx{};
+  {
+    LogCapture capture;
+    EXPECT_EQ(ditherSetupImage(&ctx, 8, 3, 8, 100), -1);
+    EXPECT_TRUE(capture.contains("8 bpp to 8 bpp transformation not implemented"));
+  }
+  const uint32_t width = 300, stride = 320, channels = 3;
+  ASSERT_EQ(ditherSetupImage(&ctx, 16, channels, 8, width), 0);
+  EXPECT_EQ(ctx.method, 5u);
+  ASSERT_EQ(ctx.channelCount, channels);
+  std::vector<uint16_t> in(stride * channels);
+  std::vector<uint8_t> out(stride * channels);
+  std::vector<double> sum(channels * width, 0.0);
+  const uint16_t tones[3] = {0, 300, 40000};
+  const uint32_t lines = 64;
+  for (uint32_t y = 0; y < lines; ++y) {
+    for (uint32_t c = 0; c < channels; ++c)
+      for (uint32_t x = 0; x < width; ++x) in[c * stride + x] = tones[c];
+    ASSERT_EQ(ditherImage16To8(&ctx, out.data(), in.data(), width, stride), 0);
+    for (uint32_t c = 0; c < channels; ++c)
+      for (uint32_t x = 0; x < width; ++x) sum[c * width + x] += out[c * stride + x];
+  }
+  EXPECT_EQ(ctx.lineNumber, lines);
+  for (uint32_t c = 0; c < channels; ++c) {
+    double mean = 0;
+    for (uint32_t x = 0; x < width; ++x) mean += sum[c * width + x];
+    mean /= width * lines;
+    // The mean byte keeps the 16-bit tone to a small part of one 8-bit step.
+    EXPECT_NEAR(mean, tones[c] / 257.0, 0.02) << c;
+  }
+  ditherCleanup(&ctx, 0);
+  EXPECT_EQ(ctx.channelScreens, nullptr);
+  ditherCleanup(nullptr, 0);
+}
+
+}  // namespace
+
+namespace {
+
+// Four channels on the default queue give the bytes of four channels screened
+// one after another: each channel's lines stay in order on one worker.
+TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
+  LibraryScope library;
+  const uint32_t width = 1000, lines = 40, channels = 4;
+  std::vector<Object> serial, parallel;
+  for (uint32_t c = 0; c < channels; ++c) {
+    ScreeningSettings s = settings_for(c % 2 == 0 ? ZT_SCREEN_STOCHASTIC : ZT_SCREEN_BLUE_NOISE, 4, 2);
+    s.channel = c;
+    serial.emplace_back(CreateScreeningObject(&s, width, 8));
+    parallel.emplace_back(CreateScreeningObject(&s, width, 8));
+    if (serial[c]->weightTable != nullptr)
+      parallel[c]->weightCursor = parallel[c]->weightTable + (serial[c]->weightCursor - serial[c]->weightTable);
+  }
+  const size_t out_stride = serial[0]->outputBytes;
+  std::vector<std::vector<uint8_t>> in(channels), in_copy(channels), out_a(channels), out_b(channels);
+  for (uint32_t c = 0; c < channels; ++c) {
+    in[c].resize(size_t(width) * lines);
+    for (size_t i = 0; i < in[c].size(); ++i) in[c][i] = static_cast<uint8_t>((i * (c + 3) / 7) & 0xFF);
+    in_copy[c] = in[c];
+    out_a[c].resize(out_stride * lines);
+    out_b[c].resize(out_stride * lines);
+    for (uint32_t y = 0; y < lines; ++y)
+      serial[c]->screenScanline(serial[c].get(), in[c].data() + size_t(y) * width, out_a[c].data() + y * out_stride,
+                                width, y);
+  }
+  std::vector<ScreeningObject *> objects;
+  std::vector<void *> inputs;
+  std::vector<uint8_t *> outputs;
+  for (uint32_t c = 0; c < channels; ++c) {
+    objects.push_back(parallel[c].get());
+    inputs.push_back(in_copy[c].data());
+    outputs.push_back(out_b[c].data());
+  }
+  ASSERT_EQ(screeningScreenChannelLines(objects.data(), channels, inputs.data(), width, outputs.data(), out_stride,
+                                        width, 0, lines),
+            0);
+  for (uint32_t c = 0; c < channels; ++c) EXPECT_EQ(out_a[c], out_b[c]) << c;
+  LogCapture capture;
+  objects[2] = nullptr;
+  EXPECT_EQ(screeningScreenChannels(objects.data(), channels, inputs.data(), outputs.data(), width, 0), -1);
+  EXPECT_TRUE(capture.contains("Cannot screen 4 channels"));
+}
+
+}  // namespace
