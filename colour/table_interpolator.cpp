@@ -67,9 +67,10 @@ bool check_shape(const char *function, uint32_t inputs, uint32_t points, uint32_
     return false;
   }
   uint64_t total = outputs;
-  for (uint32_t a = 0; a < inputs; ++a) total *= points;
+  bool fits = true;
+  for (uint32_t a = 0; a < inputs && fits; ++a) fits = zt::checked_mul(total, points, &total);
   // Gathers index the grid with signed 32-bit float offsets.
-  if (total > ZT_INTERP_MAX_VALUES) {
+  if (!fits || total > ZT_INTERP_MAX_VALUES) {
     ZT_LOG(kModule, function, "Table of %llu values is too large", static_cast<unsigned long long>(total));
     return false;
   }

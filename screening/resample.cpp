@@ -45,9 +45,14 @@ struct FreeDeleter {
 template <typename T>
 using AlignedArray = std::unique_ptr<T[], FreeDeleter<T>>;
 
+// Zeroed, 64-byte aligned room for a * b * c elements; the product goes
+// through the checked multiply and a size that does not fit is a failed
+// allocation.
 template <typename T>
-AlignedArray<T> aligned_zeroed(size_t count) {
-  const size_t bytes = (count * sizeof(T) + 63) / 64 * 64;
+AlignedArray<T> aligned_zeroed(uint64_t a, uint64_t b, uint64_t c) {
+  uint64_t count = 0;
+  if (!zt::checked_mul(a, b, c, &count) || count > (SIZE_MAX - 63) / sizeof(T)) throw std::bad_alloc();
+  const size_t bytes = (static_cast<size_t>(count) * sizeof(T) + 63) / 64 * 64;
   void *p = std::aligned_alloc(64, bytes == 0 ? 64 : bytes);
   if (p == nullptr) throw std::bad_alloc();
   std::memset(p, 0, bytes == 0 ? 64 : bytes);
@@ -199,17 +204,17 @@ bool prepare_buffers(ResampleContext *c) {
     e->readLine.reset(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, c->bppIn, c->planes, 0, c->inWidth, 1, 0));
     if (!e->readLine) return false;
     e->rawFStride = (std::max<size_t>(c->inWidth, w.h.stride) + 8 + 15) / 16 * 16;
-    e->rawF = aligned_zeroed<float>(e->rawFStride * c->planes * rawSlots);
+    e->rawF = aligned_zeroed<float>(e->rawFStride, c->planes, rawSlots);
     e->floatMode = c->bppIn == c->bppOut ? 0 : (c->bppOut == 16 ? 1 : 2);
   }
   e->midStride = (size_t{c->outWidth} + 31) / 32 * 32;
   if (fixed) {
-    e->midI = aligned_zeroed<int16_t>(e->midStride * c->planes * ring);
+    e->midI = aligned_zeroed<int16_t>(e->midStride, c->planes, ring);
   } else {
-    e->midF = aligned_zeroed<float>(e->midStride * c->planes * ring);
+    e->midF = aligned_zeroed<float>(e->midStride, c->planes, ring);
   }
   e->outRowBytes = (size_t{c->outWidth} * (c->bppOut / 8) + 63) / 64 * 64;
-  e->out = aligned_zeroed<uint8_t>(e->outRowBytes * c->planes * e->batch);
+  e->out = aligned_zeroed<uint8_t>(e->outRowBytes, c->planes, e->batch);
   for (TaskPart &p : e->parts) size_rows(p, w);
   return true;
 }
