@@ -210,7 +210,8 @@ ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32
                                uint8_t *const *dsts, const uint32_t *strides);
 /* Sets the number of worker threads that code tiles for files opened from
  * now on (1: the caller's thread only; 0: the processor count; at most 64).
- * 0, or -1. */
+ * The workers are the default task queue's, so a file with more than one
+ * thread must not be written or read from a task of that queue. 0, or -1. */
 ZT_API int32_t VLIMGSetupThreads(uint32_t threads);
 
 /* ---- Position and output ---------------------------------------------------- */
