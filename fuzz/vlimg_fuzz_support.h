@@ -17,6 +17,9 @@ inline const std::string &vlimg_input_path() {
     return std::string(dir != nullptr ? dir : "/tmp") + "/zt_vlimg_fuzz_" + std::to_string(::getpid()) +
            ".vlimg";
   }();
+  // The file goes with the process.
+  static const bool cleanup = std::atexit([] { std::remove(vlimg_input_path().c_str()); }) == 0;
+  (void)cleanup;
   return path;
 }
 

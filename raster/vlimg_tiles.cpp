@@ -439,6 +439,9 @@ int32_t read_line(VLIMG_File *f, uint8_t *line, const char *fn) {
   const uint32_t n = static_cast<uint32_t>(line_bytes(h));
   Slot &s = *f->slots[0];
   bool ok = false;
+  // A line that is not all there yet leaves the reader where it was, so the
+  // reader of a growing file can ask for it again.
+  const uint64_t at = f->io.tell();
   if (f->codec.compression == 1) {
     ok = f->io.read(line, n);
     if (ok && f->codec.swap16) swap16(line, line, n);
@@ -457,6 +460,7 @@ int32_t read_line(VLIMG_File *f, uint8_t *line, const char *fn) {
     }
   }
   if (!ok) {
+    f->io.seek(at);
     ZT_LOG(kModule, fn, "Cannot read line %u", f->line);
     return -1;
   }

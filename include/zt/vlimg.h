@@ -165,7 +165,8 @@ ZT_API uint64_t VLIMG_BytesPerLine(const VLIMG_File *file);
 /* Reads the next line of a scanline page into `line` (VLIMG_BytesPerLine
  * bytes). 0, or -1: "Cannot read line %u" (past the end, short file, damaged
  * block). A reader opened with mode 4 waits for a writer that is still
- * growing the file (8 ms, once per empty read). */
+ * growing the file (8 ms, once per empty read); a failed read leaves the
+ * reader at the same line, so it may be tried again later. */
 ZT_API int32_t VLIMG_ReadScanline(VLIMG_File *file, uint8_t *line);
 /* The same into row 0 of `sb`, whose width and channels must be the page's
  * and whose sample depth (1, 8 or 16) every plane must have; interleaved by
@@ -210,7 +211,8 @@ ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32
                                uint8_t *const *dsts, const uint32_t *strides);
 /* Sets the number of worker threads that code tiles for files opened from
  * now on (1: the caller's thread only; 0: the processor count; at most 64).
- * 0, or -1. */
+ * The workers are the default task queue's, so a file with more than one
+ * thread must not be written or read from a task of that queue. 0, or -1. */
 ZT_API int32_t VLIMGSetupThreads(uint32_t threads);
 
 /* ---- Position and output ---------------------------------------------------- */
