@@ -2,6 +2,7 @@
 // the packet tests.
 #pragma once
 
+#include "support/packet_test_classes.h"
 #include "support/test_support.h"
 
 #include <zt/packets.h>
@@ -18,6 +19,9 @@ class PacketsTest : public ::testing::Test {
   TempDir dir_;
   ChdirGuard cwd_{dir_.path()};
   LibraryScope library_;
+  struct TestClasses {
+    TestClasses() { EXPECT_EQ(register_packet_test_classes(), 0); }
+  } classes_;
   LogCapture log_;
 
   // Exactly one line was logged and it holds `text`.
