@@ -1,51 +1,33 @@
 // The 44-byte packet header and reading packets from sockets and buffers.
-// Sockets are waited on with poll, so descriptors of any number work, and one
-// deadline covers a whole header or body, so a peer that trickles bytes is
-// dropped within the caller's time-out.
+// One deadline covers a whole header or body, so a peer that trickles bytes
+// is dropped within the caller's time-out.
 #include "foundation/internal.h"
 #include "packets/packets_internal.h"
+#include "packets/socket_io.h"
 
 #include <zt/packets.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
-#include <poll.h>
-#include <sys/socket.h>
-
+using zt::packets::IoStatus;
 using zt::packets::kModule;
+using zt::packets::recv_exact;
+using zt::packets::send_all;
+using zt::packets::SocketLog;
+using zt::packets::SocketTimer;
 
 namespace {
 
 constexpr const char *kWireModule = "ztlp";
 constinit std::atomic<uint64_t> g_max_body{ZT_PACKET_DEFAULT_BODY_LIMIT};
 
-using Clock = std::chrono::steady_clock;
-
-// Waits until `fd` is ready for `events` or the deadline passes. 1 ready,
-// 0 time-out, -1 poll failed or reported something else.
-int wait_ready(int fd, short events, Clock::time_point deadline, const char *function, const char *not_set) {
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return 0;
-    pollfd p{fd, events, 0};
-    const int rc = ::poll(&p, 1, left > 1000000 ? 1000000 : static_cast<int>(left));
-    if (rc == 0) continue;
-    if (rc < 0) {
-      if (errno == EINTR) continue;
-      ZT_LOG(kWireModule, function, "socket select error %d", errno);
-      return -1;
-    }
-    if (p.revents & (events | POLLHUP | POLLERR)) return 1;
-    ZT_LOG(kWireModule, function, "%s", not_set);
-    return -1;
-  }
+// The words of the wire readers' messages; the loops are shared with the RPC
+// stream (packets/socket_io.h).
+SocketLog wire_log(const char *function) {
+  return SocketLog{kWireModule, function, "Got select but s is not set", "Socket closed on other end"};
 }
-
-Clock::time_point deadline_of(int32_t seconds) { return Clock::now() + std::chrono::seconds(seconds < 0 ? 0 : seconds); }
 
 int parse_field(const char *p, uint32_t &out) {
   uint64_t v = 0;
@@ -95,25 +77,15 @@ ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, in
   }
   char buf[ZT_PACKET_HEADER_SIZE];
   size_t got = 0;
-  const auto deadline = deadline_of(timeout_seconds);
-  while (got < ZT_PACKET_HEADER_SIZE) {
-    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
-    if (ready < 0) return -1;
-    if (ready == 0) {
+  switch (recv_exact(socket, buf, sizeof buf, got, SocketTimer::whole(timeout_seconds), wire_log(fn))) {
+    case IoStatus::kDone:
+      break;
+    case IoStatus::kTimeout:
       if (got == 0) return 1;
       ZT_LOG(kWireModule, fn, "Timeout waiting for packet header");
       return -1;
-    }
-    const ssize_t n = ::recv(socket, buf + got, ZT_PACKET_HEADER_SIZE - got, 0);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) {
-      if (n == 0)
-        ZT_LOG(kWireModule, fn, "Socket closed on other end");
-      else
-        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
+    default:
       return -1;
-    }
-    got += static_cast<size_t>(n);
   }
   if (std::memcmp(buf, ZT_PACKET_MAGIC, 8) != 0) {
     ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
@@ -154,38 +126,12 @@ ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header
     FreePacketMemory(&pm);
     return -1;
   }
-  uint64_t got = 0;
-  const auto deadline = deadline_of(timeout_seconds);
-  int result = 0;
-  while (got < length) {
-    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
-    if (ready <= 0) {
-      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
-      result = ready == 0 ? 1 : -1;
-      break;
-    }
-    const uint64_t want = length - got;
-    const ssize_t n = ::recv(socket, pm->data + got, want, 0);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) {
-      if (n == 0)
-        ZT_LOG(kWireModule, fn, "Socket closed on other end");
-      else
-        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
-      result = -1;
-      break;
-    }
-    if (static_cast<uint64_t>(n) > want) {
-      ZT_LOG(kWireModule, fn, "Requested %d bytes of data but read %d bytes from socket: %d. Memory might be corrupted",
-             static_cast<int>(want), static_cast<int>(n), socket);
-      result = -1;
-      break;
-    }
-    got += static_cast<uint64_t>(n);
-  }
-  if (result != 0) {
+  size_t got = 0;
+  const IoStatus status = recv_exact(socket, pm->data, length, got, SocketTimer::whole(timeout_seconds), wire_log(fn));
+  if (status != IoStatus::kDone) {
+    if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
     FreePacketMemory(&pm);
-    return result;
+    return status == IoStatus::kTimeout ? 1 : -1;
   }
   pm->ptr = pm->data + length;
   *pm->ptr = '\0';
@@ -276,26 +222,10 @@ ZT_API int32_t ZTPacketSendToSocket(int socket, const ZTPacketMemory *pm, int32_
     ZT_LOG(kWireModule, fn, "NULL pointer passed");
     return -1;
   }
-  const char *p = pm->header;
-  uint64_t left = pm->total_length;
-  const auto deadline = deadline_of(timeout_seconds);
-  while (left > 0) {
-    const ssize_t n = ::send(socket, p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      p += n;
-      left -= static_cast<uint64_t>(n);
-      continue;
-    }
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      const int ready = wait_ready(socket, POLLOUT, deadline, fn, "Got select but s is not set");
-      if (ready > 0) continue;
-      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting to send packet");
-      return -1;
-    }
-    ZT_LOG(kWireModule, fn, "Error %d while writing to socket", errno);
-    return -1;
-  }
-  return 0;
+  const IoStatus status =
+      send_all(socket, pm->header, pm->total_length, SocketTimer::whole(timeout_seconds), wire_log(fn));
+  if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting to send packet");
+  return status == IoStatus::kDone ? 0 : -1;
 }
 
 }  // extern "C"
