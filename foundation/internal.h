@@ -42,6 +42,14 @@ R api_guard(const char *module, const char *function, R fail, F &&body) noexcept
   return fail;
 }
 
+// a * b into *out, or false when the product does not fit. Every size built
+// from counts that come from outside (a file, a peer, a caller) goes through
+// here, so that a wrapped product never reaches an allocator or a loop bound.
+template <typename T>
+[[nodiscard]] constexpr bool checked_mul(T a, T b, T *out) noexcept {
+  return !__builtin_mul_overflow(a, b, out);
+}
+
 template <typename F>
 void api_guard_void(const char *module, const char *function, F &&body) noexcept {
   api_guard<int>(module, function, 0, [&] {

@@ -263,11 +263,13 @@ int decode_run(const RegistryReader &reg, const Field &f, Reader &r, const Line 
     log_array_short(r.lineno(), f.tag, count);
     return -1;
   }
-  // The run grows as items arrive, so memory follows what the body holds.
+  // The run grows as items arrive, doubling up to the announced count, so
+  // memory follows what the body holds and a long run costs few moves.
+  const uint64_t size = sub->item_size;
   char *run = nullptr;
-  uint32_t have = 0;
+  uint64_t have = 0, capacity = 0;
   auto drop = [&] {
-    for (uint32_t i = 0; i < have; ++i) free_fields(reg, *sub, run + static_cast<size_t>(i) * sub->item_size);
+    for (uint64_t i = 0; i < have; ++i) free_fields(reg, *sub, run + i * size);
     std::free(run);
   };
   for (uint64_t i = 0; i < count; ++i) {
@@ -276,21 +278,26 @@ int decode_run(const RegistryReader &reg, const Field &f, Reader &r, const Line 
       drop();
       return -1;
     }
-    char *grown = static_cast<char *>(std::realloc(run, static_cast<size_t>(have + 1) * sub->item_size));
-    if (grown == nullptr) {
-      ZTPacketFreeItem(one, f.sub_class);
-      drop();
-      ZT_LOG_NOMEM(kModule, kDecoder, static_cast<size_t>(have + 1) * sub->item_size);
-      return -1;
+    if (have == capacity) {
+      const uint64_t want = capacity == 0 ? (count < 16 ? count : 16) : (capacity > count / 2 ? count : capacity * 2);
+      uint64_t bytes = 0;
+      char *grown = checked_mul(want, size, &bytes) ? static_cast<char *>(std::realloc(run, bytes)) : nullptr;
+      if (grown == nullptr) {
+        ZTPacketFreeItem(one, f.sub_class);
+        drop();
+        ZT_LOG_NOMEM(kModule, kDecoder, bytes);
+        return -1;
+      }
+      run = grown;
+      capacity = want;
     }
-    run = grown;
-    std::memcpy(run + static_cast<size_t>(have) * sub->item_size, one, sub->item_size);
-    std::memset(run + static_cast<size_t>(have) * sub->item_size, 0, sizeof(ZTListNode));
+    std::memcpy(run + have * size, one, size);
+    std::memset(run + have * size, 0, sizeof(ZTListNode));
     std::free(one);
     ++have;
   }
   store<char *>(item, f.offset, run);
-  store<uint32_t>(item, f.offset2, have);
+  store<uint32_t>(item, f.offset2, static_cast<uint32_t>(have));
   return 0;
 }
 
@@ -373,10 +380,11 @@ int decode_numbers(const RegistryReader &reg, const Field &f, Reader &r, const L
     store_empty(f, item);
     return 0;
   }
-  const uint32_t ew = f.width;
-  char *arr = static_cast<char *>(std::calloc(count, ew));
+  const uint64_t ew = f.width;
+  uint64_t bytes = 0;
+  char *arr = checked_mul(count, ew, &bytes) ? static_cast<char *>(std::malloc(bytes)) : nullptr;
   if (arr == nullptr) {
-    ZT_LOG_NOMEM(kModule, kDecoder, count * ew);
+    ZT_LOG_NOMEM(kModule, kDecoder, bytes);
     return -1;
   }
   for (uint64_t i = 0; i < count; ++i) {
@@ -390,7 +398,7 @@ int decode_numbers(const RegistryReader &reg, const Field &f, Reader &r, const L
       const double d = parse_double(p, end);
       std::memcpy(arr + i * 8, &d, 8);
     } else {
-      store_uint(arr + i * ew, ew, hex_value(p, end));
+      store_uint(arr + i * ew, f.width, hex_value(p, end));
     }
   }
   store<char *>(item, f.offset, arr);
@@ -416,8 +424,8 @@ bool compare_numbers(const RegistryReader &, const Field &f, const void *a, cons
 bool copy_block(const RegistryReader &, const Field &f, const void *src, void *dst) {
   const uint32_t n = count_of(f, src);
   if (n == 0) return true;
-  const size_t bytes = static_cast<size_t>(n) * f.width;
-  char *copy = static_cast<char *>(std::malloc(bytes));
+  uint64_t bytes = 0;
+  char *copy = checked_mul<uint64_t>(n, f.width, &bytes) ? static_cast<char *>(std::malloc(bytes)) : nullptr;
   if (copy == nullptr) return false;
   std::memcpy(copy, load<const char *>(src, f.offset), bytes);
   store<char *>(dst, f.offset, copy);
@@ -446,7 +454,11 @@ int decode_binary(const RegistryReader &reg, const Field &f, Reader &, const Lin
   const uint64_t count = hex_value(p, end);
   if (p < end) ++p;
   const size_t left = static_cast<size_t>(end - p);
-  for (uint64_t i = 0; i < count * 2 && i <= left; ++i) {
+  // A count whose digits do not fit 64 bits runs into the end of the line
+  // like any other count the line cannot hold.
+  uint64_t digits = 0;
+  if (!checked_mul<uint64_t>(count, 2, &digits)) digits = UINT64_MAX;
+  for (uint64_t i = 0; i < digits && i <= left; ++i) {
     const uint8_t c = i < left ? static_cast<uint8_t>(p[i]) : '\n';
     if (!g_hex_valid[c]) {
       ZT_LOG(kModule, kDecoder,
@@ -525,9 +537,11 @@ int decode_strings(const RegistryReader &reg, const Field &f, Reader &r, const L
     store_empty(f, item);
     return 0;
   }
-  char **strs = static_cast<char **>(std::calloc(count, sizeof(char *)));
+  uint64_t bytes = 0;
+  char **strs =
+      checked_mul<uint64_t>(count, sizeof(char *), &bytes) ? static_cast<char **>(std::calloc(1, bytes)) : nullptr;
   if (strs == nullptr) {
-    ZT_LOG_NOMEM(kModule, kDecoder, count * sizeof(char *));
+    ZT_LOG_NOMEM(kModule, kDecoder, bytes);
     return -1;
   }
   // Stored at once so that a failure below frees through the field.
