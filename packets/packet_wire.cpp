@@ -29,15 +29,31 @@ SocketLog wire_log(const char *function) {
   return SocketLog{kWireModule, function, "Got select but s is not set", "Socket closed on other end"};
 }
 
-int parse_field(const char *p, uint32_t &out) {
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) {
-    const auto c = static_cast<uint8_t>(p[i]);
-    if (!zt::packets::g_hex_valid[c]) return -1;
-    v = v * 16 + zt::packets::g_hex_value[c];
+constexpr size_t kMagicSize = sizeof(ZT_PACKET_MAGIC) - 1;
+constexpr size_t kFieldSize = 9;  // eight hex digits and LF
+static_assert(kMagicSize + 4 * kFieldSize == ZT_PACKET_HEADER_SIZE);
+
+// The four fields after the magic, as the writer makes them ("%08x\n" each);
+// both readers take a header by this one rule, so a header is never longer or
+// shorter for one than for the other. `n` bytes are there: 0 read, 1 valid so
+// far but cut short, -1 bad.
+int parse_fields(const uint8_t *p, size_t n, ZTPacketHeader &h) {
+  uint32_t fields[4] = {0, 0, 0, 0};
+  const size_t have = n < 4 * kFieldSize ? n : 4 * kFieldSize;
+  for (size_t i = 0; i < have; ++i) {
+    const size_t at = i % kFieldSize;
+    if (at == kFieldSize - 1) {
+      if (p[i] != '\n') return -1;
+      continue;
+    }
+    if (!zt::packets::g_hex_valid[p[i]]) return -1;
+    fields[i / kFieldSize] = fields[i / kFieldSize] * 16 + zt::packets::g_hex_value[p[i]];
   }
-  if (p[8] != '\n') return -1;
-  out = static_cast<uint32_t>(v);
+  if (have < 4 * kFieldSize) return 1;
+  h.field1 = fields[0];
+  h.field2 = fields[1];
+  h.field3 = fields[2];
+  h.field4 = fields[3];
   return 0;
 }
 
@@ -92,8 +108,7 @@ ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, in
     return -1;
   }
   ZTPacketHeader h{};
-  if (parse_field(buf + 8, h.field1) || parse_field(buf + 17, h.field2) || parse_field(buf + 26, h.field3) ||
-      parse_field(buf + 35, h.field4)) {
+  if (parse_fields(reinterpret_cast<const uint8_t *>(buf) + kMagicSize, sizeof buf - kMagicSize, h) != 0) {
     ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
     return -1;
   }
@@ -149,41 +164,25 @@ ZT_API int32_t ReadPacketHeaderFromBuffer(const void *bytes, uint64_t length, ZT
   }
   const auto *p = static_cast<const uint8_t *>(bytes);
   const char *magic = ZT_PACKET_MAGIC;
-  // State 0 matches the magic; states 1 to 4 gather the four fields.
-  int state = 0;
+  // Bytes before the magic are skipped; a mismatch restarts the match.
   size_t matched = 0;
-  uint32_t digits = 0;
-  uint64_t value = 0;
-  uint32_t fields[4] = {0, 0, 0, 0};
   for (uint64_t i = 0; i < length; ++i) {
     const uint8_t c = p[i];
-    if (state == 0) {
-      if (c == static_cast<uint8_t>(magic[matched])) {
-        if (++matched == 8) state = 1;
-      } else {
-        matched = c == static_cast<uint8_t>(magic[0]) ? 1 : 0;
-      }
-      continue;
-    }
-    if (c == '\n') {
-      if (digits == 0) {
+    if (c == static_cast<uint8_t>(magic[matched])) {
+      if (++matched < kMagicSize) continue;
+      ZTPacketHeader h{};
+      const uint64_t start = i + 1;
+      const int rc = parse_fields(p + start, static_cast<size_t>(length - start), h);
+      if (rc < 0) {
         ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
         return -1;
       }
-      fields[state - 1] = static_cast<uint32_t>(value);
-      value = 0;
-      digits = 0;
-      if (++state == 5) {
-        *header = ZTPacketHeader{fields[0], fields[1], fields[2], fields[3], static_cast<uint32_t>(i + 1)};
-        return 0;
-      }
-      continue;
+      if (rc > 0) return 1;
+      h.header_bytes = static_cast<uint32_t>(start + 4 * kFieldSize);
+      *header = h;
+      return 0;
     }
-    if (!zt::packets::g_hex_valid[c] || ++digits > 8) {
-      ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
-      return -1;
-    }
-    value = value * 16 + zt::packets::g_hex_value[c];
+    matched = c == static_cast<uint8_t>(magic[0]) ? 1 : 0;
   }
   return 1;
 }

@@ -274,8 +274,9 @@ ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, in
  * limit; on 1 and -1 nothing is left allocated. */
 ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header,
                                         ZTPacketMemory **packet_memory, int32_t timeout_seconds);
-/* From memory: bytes before the magic are skipped. 0 header read, 1 more
- * bytes needed, -1 bad field (logged). */
+/* From memory: bytes before the magic are skipped. The fields are taken by
+ * the socket reader's rule (eight hex digits and LF each). 0 header read, 1
+ * more bytes needed, -1 bad field (logged). */
 ZT_API int32_t ReadPacketHeaderFromBuffer(const void *bytes, uint64_t length, ZTPacketHeader *header);
 /* `bytes` holds the body (at least header->field4 bytes). 0, 1 when fewer
  * bytes are there, -1 on error (logged). */

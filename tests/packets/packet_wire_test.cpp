@@ -102,6 +102,42 @@ TEST_F(PacketWire, BufferParserSkipsGarbageAndWaitsForMore) {
   expect_one_log("Header packet mismatch, dropping packet");
 }
 
+// The socket and buffer readers take a header by one rule, the writer's:
+// each field exactly eight hex digits and LF. Short fields would make the
+// socket reader take body bytes as header.
+TEST_F(PacketWire, SocketAndBufferReadersAgreeOnEveryHeader) {
+  const std::string body(44, 'b');
+  const std::string cases[] = {
+      header_text(1, 8, 0xabcdef12u, 4),
+      "ZT5wapa\n1\n8\n0\n4\n",
+      "ZT5wapa\n0000000A\n00000008\n0000000B\n00000004\n",
+      "ZT5wapa\n000000001\n0000008\n00000000\n00000004\n",
+      "ZT5wapa\n00000001 00000008\n00000000\n00000004\n",
+      "ZT5wapa\n00000001\n00000008\n00000000\n0000004\n\n",
+  };
+  for (const std::string &header : cases) {
+    SCOPED_TRACE(header);
+    const std::string wire = header + body;
+    ZTPacketHeader from_buffer{}, from_socket{};
+    const int buffer_rc = ReadPacketHeaderFromBuffer(wire.data(), wire.size(), &from_buffer);
+    Loopback link;
+    link.send_text(wire);
+    const int socket_rc = ReadPacketHeaderFromSocket(link.server, &from_socket, 2);
+    EXPECT_EQ(buffer_rc, socket_rc);
+    if (buffer_rc == 0 && socket_rc == 0) {
+      EXPECT_EQ(from_buffer.header_bytes, 44u);
+      EXPECT_EQ(from_buffer.field1, from_socket.field1);
+      EXPECT_EQ(from_buffer.field2, from_socket.field2);
+      EXPECT_EQ(from_buffer.field3, from_socket.field3);
+      EXPECT_EQ(from_buffer.field4, from_socket.field4);
+    }
+    auto lines = log_.lines();
+    for (const auto &line : lines) EXPECT_EQ(line.message, "Header packet mismatch, dropping packet");
+    EXPECT_EQ(lines.size(), (buffer_rc != 0) + (socket_rc != 0));
+    log_.clear();
+  }
+}
+
 TEST_F(PacketWire, HeaderArrivingInPiecesIsAssembled) {
   Loopback link;
   const std::string wire = header_text(7, 2, 9, 0xffffffffu);
