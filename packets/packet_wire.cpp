@@ -29,6 +29,9 @@ SocketLog wire_log(const char *function) {
   return SocketLog{kWireModule, function, "Got select but s is not set", "Socket closed on other end"};
 }
 
+// A body's buffer starts at this and doubles as bytes arrive.
+constexpr uint64_t kFirstBodyBlock = 64 * 1024;
+
 constexpr size_t kMagicSize = sizeof(ZT_PACKET_MAGIC) - 1;
 constexpr size_t kFieldSize = 9;  // eight hex digits and LF
 static_assert(kMagicSize + 4 * kFieldSize == ZT_PACKET_HEADER_SIZE);
@@ -136,17 +139,35 @@ ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header
     ZT_LOG(kWireModule, fn, "INITALLOC FAILED");
     return -1;
   }
-  if (MaintainPacketMemory(pm, length + 1) != 0) {
+  // The buffer grows as bytes arrive, doubling up to the announced length,
+  // so a peer that announces a large body and stalls costs what it sent.
+  uint64_t room = length < kFirstBodyBlock ? length : kFirstBodyBlock;
+  if (MaintainPacketMemory(pm, room + 1) != 0) {
     ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
     FreePacketMemory(&pm);
     return -1;
   }
-  size_t got = 0;
-  const IoStatus status = recv_exact(socket, pm->data, length, got, SocketTimer::whole(timeout_seconds), wire_log(fn));
-  if (status != IoStatus::kDone) {
-    if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
-    FreePacketMemory(&pm);
-    return status == IoStatus::kTimeout ? 1 : -1;
+  const SocketTimer timer = SocketTimer::whole(timeout_seconds);
+  uint64_t got = 0;
+  while (got < length) {
+    if (got == room) {
+      room = room > length / 2 ? length : room * 2;
+      if (MaintainPacketMemory(pm, room - got + 1) != 0) {
+        ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
+        FreePacketMemory(&pm);
+        return -1;
+      }
+    }
+    size_t piece = 0;
+    const IoStatus status = recv_exact(socket, pm->ptr, static_cast<size_t>(room - got), piece, timer, wire_log(fn));
+    // The write position follows the bytes, so growing keeps them.
+    pm->ptr += piece;
+    got += piece;
+    if (status != IoStatus::kDone) {
+      if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
+      FreePacketMemory(&pm);
+      return status == IoStatus::kTimeout ? 1 : -1;
+    }
   }
   pm->ptr = pm->data + length;
   *pm->ptr = '\0';

@@ -270,7 +270,8 @@ ZT_API int32_t AddPacketHeader(ZTPacketMemory *packet_memory, uint32_t field1, u
  * peer or a header cut off by the time-out (logged, module "ztlp"). */
 ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, int32_t timeout_seconds);
 /* Body of header->field4 bytes into a new packet memory (*packet_memory, the
- * caller frees it). 0, 1 on time-out, -1 on error or a length above the
+ * caller frees it). The memory grows with the bytes that arrive, not with the
+ * length announced. 0, 1 on time-out, -1 on error or a length above the
  * limit; on 1 and -1 nothing is left allocated. */
 ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header,
                                         ZTPacketMemory **packet_memory, int32_t timeout_seconds);

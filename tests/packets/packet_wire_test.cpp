@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -257,6 +259,55 @@ TEST_F(PacketWire, AnnouncedBodyLengthsAreBounded) {
   }
   ZTPacketSetMaxBodyLength(0);
   EXPECT_EQ(ZTPacketGetMaxBodyLength(), ZT_PACKET_DEFAULT_BODY_LIMIT);
+}
+
+// Bytes of this process that are in memory now.
+uint64_t resident_bytes() {
+  std::FILE *f = std::fopen("/proc/self/statm", "r");
+  unsigned long long pages = 0, resident = 0;
+  if (f == nullptr) return 0;
+  if (std::fscanf(f, "%llu %llu", &pages, &resident) != 2) resident = 0;
+  std::fclose(f);
+  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// A peer that announces a large body and stalls costs what it sent, not what
+// it announced; a body that does arrive in full is whole however it grew.
+TEST_F(PacketWire, BodyMemoryFollowsTheBytesThatArrive) {
+  Loopback stalled;
+  const ZTPacketHeader announced{1, 2, 3, 200u << 20, 44};
+  stalled.send_text(std::string(1000, 's'));
+  const uint64_t before = resident_bytes();
+  std::atomic<int> rc{2};
+  std::thread reader([&] {
+    ZTPacketMemory *pm = nullptr;
+    rc = ReadPacketBodyFromSocket(stalled.server, &announced, &pm, 10);
+    FreePacketMemory(&pm);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const uint64_t during = resident_bytes();
+  stalled.close_client();
+  reader.join();
+  EXPECT_EQ(rc.load(), -1);
+  EXPECT_LT(during, before + (16u << 20));
+  expect_one_log("Socket closed on other end");
+
+  Loopback link;
+  std::string body(5 * 1048576 + 7, '\0');
+  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>('a' + i * 7 % 26);
+  std::thread sender([&] {
+    for (size_t at = 0; at < body.size(); at += 300000)
+      ::send(link.client, body.data() + at, std::min<size_t>(300000, body.size() - at), MSG_NOSIGNAL);
+  });
+  const ZTPacketHeader whole{1, 2, 3, static_cast<uint32_t>(body.size()), 44};
+  ZTPacketMemory *pm = nullptr;
+  EXPECT_EQ(ReadPacketBodyFromSocket(link.server, &whole, &pm, 10), 0);
+  sender.join();
+  ASSERT_NE(pm, nullptr);
+  EXPECT_TRUE(body_of(pm) == body);
+  EXPECT_EQ(pm->data[pm->body_length], '\0');
+  FreePacketMemory(&pm);
+  expect_no_log();
 }
 
 TEST_F(PacketWire, RequestPacketTravelsOnAHighNumberedSocket) {
