@@ -1,6 +1,6 @@
-// The body decoder: arbitrary bytes decoded as an item or a list of the
-// test classes and the request class. Nothing may crash, and whatever decodes must re-encode to
-// text that decodes to the same record.
+// The body decoder: arbitrary bytes decoded as an item or a list of the test
+// classes and the request class. Nothing may crash, and whatever decodes must
+// re-encode to text that decodes to the same record.
 #include "support/packet_test_classes.h"
 
 #include <zt/init.h>
