@@ -685,7 +685,8 @@ const FieldType *field_type(uint32_t number) {
 
 uint32_t resolved_width(const FieldType &type, uint32_t declared) {
   if (type.width != kDeclared) return type.width;
-  return declared == 1 || declared == 2 ? declared : 4;
+  // Any declared width other than 1 or 2 bytes means 4.
+  return declared == sizeof(uint8_t) || declared == sizeof(uint16_t) ? declared : uint32_t{sizeof(uint32_t)};
 }
 
 uint32_t field_bytes(const Field &f) { return f.type->shape == Shape::kScalar ? f.width : kPtr; }

@@ -568,7 +568,8 @@ ZT_API int32_t ZTRPC_ReadPacketable(ZTRPC *ch, void **record, uint32_t *storage_
     if (expect_item(ch, ZT_RPC_PACKETABLE, &length, false, 0, fn) != 0) return -1;
     uint32_t third = 0;
     if (length < 48) {
-      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", 6, 6u,
+      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", static_cast<int>(ZT_RPC_PACKETABLE),
+             ZT_RPC_PACKETABLE,
              static_cast<unsigned long long>(length));
       skip(ch, length);
       return -1;
@@ -626,7 +627,8 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     uint32_t type = 0;
     if (ZTRPC_ReadHeader(ch, &type, &length) != 0) return -1;
     if (type != ZT_RPC_FILE_DATA || length > g_max_file.load()) {
-      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", 9, type,
+      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes",
+             static_cast<int>(ZT_RPC_FILE_DATA), type,
              static_cast<unsigned long long>(length));
       return -1;
     }

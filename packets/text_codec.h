@@ -148,19 +148,18 @@ inline double parse_double(const char *&p, const char *end) {
 
 // Unsigned integers of 1, 2 or 4 bytes (any other width is 4).
 inline uint64_t load_uint(const void *p, uint32_t width) {
-  switch (width) {
-    case 1: return load<uint8_t>(p, 0);
-    case 2: return load<uint16_t>(p, 0);
-    default: return load<uint32_t>(p, 0);
-  }
+  if (width == sizeof(uint8_t)) return load<uint8_t>(p, 0);
+  if (width == sizeof(uint16_t)) return load<uint16_t>(p, 0);
+  return load<uint32_t>(p, 0);
 }
 
 inline void store_uint(void *p, uint32_t width, uint64_t v) {
-  switch (width) {
-    case 1: store<uint8_t>(p, 0, static_cast<uint8_t>(v)); break;
-    case 2: store<uint16_t>(p, 0, static_cast<uint16_t>(v)); break;
-    default: store<uint32_t>(p, 0, static_cast<uint32_t>(v)); break;
-  }
+  if (width == sizeof(uint8_t))
+    store<uint8_t>(p, 0, static_cast<uint8_t>(v));
+  else if (width == sizeof(uint16_t))
+    store<uint16_t>(p, 0, static_cast<uint16_t>(v));
+  else
+    store<uint32_t>(p, 0, static_cast<uint32_t>(v));
 }
 
 // The framing, with the registry locked. The encoders return 0 or -1; the
