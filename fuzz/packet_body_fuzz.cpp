@@ -1,6 +1,8 @@
-// The body decoder: arbitrary bytes decoded as an item or a list of the
-// built-in classes. Nothing may crash, and whatever decodes must re-encode to
-// text that decodes to the same record.
+// The body decoder: arbitrary bytes decoded as an item or a list of the test
+// classes and the request class. Nothing may crash, and whatever decodes must
+// re-encode to text that decodes to the same record.
+#include "support/packet_test_classes.h"
+
 #include <zt/init.h>
 #include <zt/log.h>
 #include <zt/packets.h>
@@ -38,6 +40,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   char tmpl[] = "/tmp/zt_packet_fuzz_XXXXXX";
   if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
   ZT_InitSubSystems();
+  if (zt::test::register_packet_test_classes() != 0) std::abort();
   LogErrorDisable(1);
   return 0;
 }

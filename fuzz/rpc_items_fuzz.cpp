@@ -1,6 +1,8 @@
 // The RPC item readers: arbitrary bytes arrive on a channel and are read as a
 // sequence of items chosen by the first byte. Nothing may crash or hang, and
 // no announced length may cause a large allocation (the limits are small).
+#include "support/packet_test_classes.h"
+
 #include <zt/init.h>
 #include <zt/log.h>
 #include <zt/membuf.h>
@@ -23,6 +25,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
   g_dir = tmpl;
   ZT_InitSubSystems();
+  if (zt::test::register_packet_test_classes() != 0) std::abort();
   LogErrorDisable(1);
   ZTRPC_SetLimits(1 << 16, 1 << 16);
   return 0;

@@ -1,5 +1,6 @@
 // Packet bodies as files, and the field-by-field log of a body.
 #include "foundation/internal.h"
+#include "packets/field_types.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>
@@ -27,16 +28,6 @@ struct PacketMemoryFree {
 };
 using PacketMemoryPtr = std::unique_ptr<ZTPacketMemory, PacketMemoryFree>;
 
-const char *nested_label(uint32_t type) {
-  switch (type) {
-    case 11: return "LIST:";
-    case 12: return "ARRAY:";
-    case 15: case 16: case 17: case 18: case 19: case 27: case 30: case 31: return "ATOMARRAY:";
-    case 23: return "STRARRAY:";
-    default: return "Data:";
-  }
-}
-
 // Walks well-formed text (as the encoder wrote it) and logs one line per
 // field, indenting nested items.
 void log_text(const char *function, const RegistryReader &reg, const char *p, const char *end) {
@@ -57,9 +48,9 @@ void log_text(const char *function, const RegistryReader &reg, const char *p, co
     } else if (!stack.empty() && stack.back() != nullptr) {
       const ClassInfo *cls = stack.back();
       const int32_t row = cls->find(std::strtoull(std::string(p, static_cast<size_t>(tl)).c_str(), nullptr, 16));
-      const ZTFieldDesc *f = row >= 0 ? &cls->fields[static_cast<size_t>(row)] : nullptr;
+      const Field *f = row >= 0 ? &cls->fields[static_cast<size_t>(row)] : nullptr;
       const int indent = static_cast<int>(stack.size() - 1) * 2;
-      const std::string fmt = std::string("%*.*s(%3.3x) <%-20.20s> ") + nested_label(f ? f->type : 0) + " %*.*s";
+      const std::string fmt = std::string("%*.*s(%3.3x) <%-20.20s> ") + (f ? f->type->log_label : "Data:") + " %*.*s";
       ZTLogMessage(kModule, function, 0, 1, 1, fmt.c_str(), indent, indent, "", f ? f->tag : 0u,
                    f ? f->name : "", dl, dl, data);
     }

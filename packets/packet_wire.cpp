@@ -1,61 +1,62 @@
 // The 44-byte packet header and reading packets from sockets and buffers.
-// Sockets are waited on with poll, so descriptors of any number work, and one
-// deadline covers a whole header or body, so a peer that trickles bytes is
-// dropped within the caller's time-out.
+// One deadline covers a whole header or body, so a peer that trickles bytes
+// is dropped within the caller's time-out.
 #include "foundation/internal.h"
 #include "packets/packets_internal.h"
+#include "packets/socket_io.h"
 
 #include <zt/packets.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
-#include <poll.h>
-#include <sys/socket.h>
-
+using zt::packets::IoStatus;
 using zt::packets::kModule;
+using zt::packets::recv_exact;
+using zt::packets::send_all;
+using zt::packets::SocketLog;
+using zt::packets::SocketTimer;
 
 namespace {
 
 constexpr const char *kWireModule = "ztlp";
 constinit std::atomic<uint64_t> g_max_body{ZT_PACKET_DEFAULT_BODY_LIMIT};
 
-using Clock = std::chrono::steady_clock;
-
-// Waits until `fd` is ready for `events` or the deadline passes. 1 ready,
-// 0 time-out, -1 poll failed or reported something else.
-int wait_ready(int fd, short events, Clock::time_point deadline, const char *function, const char *not_set) {
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return 0;
-    pollfd p{fd, events, 0};
-    const int rc = ::poll(&p, 1, left > 1000000 ? 1000000 : static_cast<int>(left));
-    if (rc == 0) continue;
-    if (rc < 0) {
-      if (errno == EINTR) continue;
-      ZT_LOG(kWireModule, function, "socket select error %d", errno);
-      return -1;
-    }
-    if (p.revents & (events | POLLHUP | POLLERR)) return 1;
-    ZT_LOG(kWireModule, function, "%s", not_set);
-    return -1;
-  }
+// The words of the wire readers' messages; the loops are shared with the RPC
+// stream (packets/socket_io.h).
+SocketLog wire_log(const char *function) {
+  return SocketLog{kWireModule, function, "Got select but s is not set", "Socket closed on other end"};
 }
 
-Clock::time_point deadline_of(int32_t seconds) { return Clock::now() + std::chrono::seconds(seconds < 0 ? 0 : seconds); }
+// A body's buffer starts at this and doubles as bytes arrive.
+constexpr uint64_t kFirstBodyBlock = 64 * 1024;
 
-int parse_field(const char *p, uint32_t &out) {
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) {
-    const auto c = static_cast<uint8_t>(p[i]);
-    if (!zt::packets::g_hex_valid[c]) return -1;
-    v = v * 16 + zt::packets::g_hex_value[c];
+constexpr size_t kMagicSize = sizeof(ZT_PACKET_MAGIC) - 1;
+constexpr size_t kFieldSize = 9;  // eight hex digits and LF
+static_assert(kMagicSize + 4 * kFieldSize == ZT_PACKET_HEADER_SIZE);
+
+// The four fields after the magic, as the writer makes them ("%08x\n" each);
+// both readers take a header by this one rule, so a header is never longer or
+// shorter for one than for the other. `n` bytes are there: 0 read, 1 valid so
+// far but cut short, -1 bad.
+int parse_fields(const uint8_t *p, size_t n, ZTPacketHeader &h) {
+  uint32_t fields[4] = {0, 0, 0, 0};
+  const size_t have = n < 4 * kFieldSize ? n : 4 * kFieldSize;
+  for (size_t i = 0; i < have; ++i) {
+    const size_t at = i % kFieldSize;
+    if (at == kFieldSize - 1) {
+      if (p[i] != '\n') return -1;
+      continue;
+    }
+    if (!zt::packets::g_hex_valid[p[i]]) return -1;
+    fields[i / kFieldSize] = fields[i / kFieldSize] * 16 + zt::packets::g_hex_value[p[i]];
   }
-  if (p[8] != '\n') return -1;
-  out = static_cast<uint32_t>(v);
+  if (have < 4 * kFieldSize) return 1;
+  h.field1 = fields[0];
+  h.field2 = fields[1];
+  h.field3 = fields[2];
+  h.field4 = fields[3];
   return 0;
 }
 
@@ -95,33 +96,22 @@ ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, in
   }
   char buf[ZT_PACKET_HEADER_SIZE];
   size_t got = 0;
-  const auto deadline = deadline_of(timeout_seconds);
-  while (got < ZT_PACKET_HEADER_SIZE) {
-    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
-    if (ready < 0) return -1;
-    if (ready == 0) {
+  switch (recv_exact(socket, buf, sizeof buf, got, SocketTimer::whole(timeout_seconds), wire_log(fn))) {
+    case IoStatus::kDone:
+      break;
+    case IoStatus::kTimeout:
       if (got == 0) return 1;
       ZT_LOG(kWireModule, fn, "Timeout waiting for packet header");
       return -1;
-    }
-    const ssize_t n = ::recv(socket, buf + got, ZT_PACKET_HEADER_SIZE - got, 0);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) {
-      if (n == 0)
-        ZT_LOG(kWireModule, fn, "Socket closed on other end");
-      else
-        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
+    default:
       return -1;
-    }
-    got += static_cast<size_t>(n);
   }
   if (std::memcmp(buf, ZT_PACKET_MAGIC, 8) != 0) {
     ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
     return -1;
   }
   ZTPacketHeader h{};
-  if (parse_field(buf + 8, h.field1) || parse_field(buf + 17, h.field2) || parse_field(buf + 26, h.field3) ||
-      parse_field(buf + 35, h.field4)) {
+  if (parse_fields(reinterpret_cast<const uint8_t *>(buf) + kMagicSize, sizeof buf - kMagicSize, h) != 0) {
     ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
     return -1;
   }
@@ -149,43 +139,35 @@ ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header
     ZT_LOG(kWireModule, fn, "INITALLOC FAILED");
     return -1;
   }
-  if (MaintainPacketMemory(pm, length + 1) != 0) {
+  // The buffer grows as bytes arrive, doubling up to the announced length,
+  // so a peer that announces a large body and stalls costs what it sent.
+  uint64_t room = length < kFirstBodyBlock ? length : kFirstBodyBlock;
+  if (MaintainPacketMemory(pm, room + 1) != 0) {
     ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
     FreePacketMemory(&pm);
     return -1;
   }
+  const SocketTimer timer = SocketTimer::whole(timeout_seconds);
   uint64_t got = 0;
-  const auto deadline = deadline_of(timeout_seconds);
-  int result = 0;
   while (got < length) {
-    const int ready = wait_ready(socket, POLLIN, deadline, fn, "Got select but s is not set");
-    if (ready <= 0) {
-      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
-      result = ready == 0 ? 1 : -1;
-      break;
+    if (got == room) {
+      room = room > length / 2 ? length : room * 2;
+      if (MaintainPacketMemory(pm, room - got + 1) != 0) {
+        ZT_LOG(kWireModule, fn, "MaintainPacketMemory Failed FAILED");
+        FreePacketMemory(&pm);
+        return -1;
+      }
     }
-    const uint64_t want = length - got;
-    const ssize_t n = ::recv(socket, pm->data + got, want, 0);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) {
-      if (n == 0)
-        ZT_LOG(kWireModule, fn, "Socket closed on other end");
-      else
-        ZT_LOG(kWireModule, fn, "Error %d reading from socket", errno);
-      result = -1;
-      break;
+    size_t piece = 0;
+    const IoStatus status = recv_exact(socket, pm->ptr, static_cast<size_t>(room - got), piece, timer, wire_log(fn));
+    // The write position follows the bytes, so growing keeps them.
+    pm->ptr += piece;
+    got += piece;
+    if (status != IoStatus::kDone) {
+      if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting for packet body");
+      FreePacketMemory(&pm);
+      return status == IoStatus::kTimeout ? 1 : -1;
     }
-    if (static_cast<uint64_t>(n) > want) {
-      ZT_LOG(kWireModule, fn, "Requested %d bytes of data but read %d bytes from socket: %d. Memory might be corrupted",
-             static_cast<int>(want), static_cast<int>(n), socket);
-      result = -1;
-      break;
-    }
-    got += static_cast<uint64_t>(n);
-  }
-  if (result != 0) {
-    FreePacketMemory(&pm);
-    return result;
   }
   pm->ptr = pm->data + length;
   *pm->ptr = '\0';
@@ -203,41 +185,25 @@ ZT_API int32_t ReadPacketHeaderFromBuffer(const void *bytes, uint64_t length, ZT
   }
   const auto *p = static_cast<const uint8_t *>(bytes);
   const char *magic = ZT_PACKET_MAGIC;
-  // State 0 matches the magic; states 1 to 4 gather the four fields.
-  int state = 0;
+  // Bytes before the magic are skipped; a mismatch restarts the match.
   size_t matched = 0;
-  uint32_t digits = 0;
-  uint64_t value = 0;
-  uint32_t fields[4] = {0, 0, 0, 0};
   for (uint64_t i = 0; i < length; ++i) {
     const uint8_t c = p[i];
-    if (state == 0) {
-      if (c == static_cast<uint8_t>(magic[matched])) {
-        if (++matched == 8) state = 1;
-      } else {
-        matched = c == static_cast<uint8_t>(magic[0]) ? 1 : 0;
-      }
-      continue;
-    }
-    if (c == '\n') {
-      if (digits == 0) {
+    if (c == static_cast<uint8_t>(magic[matched])) {
+      if (++matched < kMagicSize) continue;
+      ZTPacketHeader h{};
+      const uint64_t start = i + 1;
+      const int rc = parse_fields(p + start, static_cast<size_t>(length - start), h);
+      if (rc < 0) {
         ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
         return -1;
       }
-      fields[state - 1] = static_cast<uint32_t>(value);
-      value = 0;
-      digits = 0;
-      if (++state == 5) {
-        *header = ZTPacketHeader{fields[0], fields[1], fields[2], fields[3], static_cast<uint32_t>(i + 1)};
-        return 0;
-      }
-      continue;
+      if (rc > 0) return 1;
+      h.header_bytes = static_cast<uint32_t>(start + 4 * kFieldSize);
+      *header = h;
+      return 0;
     }
-    if (!zt::packets::g_hex_valid[c] || ++digits > 8) {
-      ZT_LOG(kWireModule, fn, "Header packet mismatch, dropping packet");
-      return -1;
-    }
-    value = value * 16 + zt::packets::g_hex_value[c];
+    matched = c == static_cast<uint8_t>(magic[0]) ? 1 : 0;
   }
   return 1;
 }
@@ -276,26 +242,10 @@ ZT_API int32_t ZTPacketSendToSocket(int socket, const ZTPacketMemory *pm, int32_
     ZT_LOG(kWireModule, fn, "NULL pointer passed");
     return -1;
   }
-  const char *p = pm->header;
-  uint64_t left = pm->total_length;
-  const auto deadline = deadline_of(timeout_seconds);
-  while (left > 0) {
-    const ssize_t n = ::send(socket, p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      p += n;
-      left -= static_cast<uint64_t>(n);
-      continue;
-    }
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      const int ready = wait_ready(socket, POLLOUT, deadline, fn, "Got select but s is not set");
-      if (ready > 0) continue;
-      if (ready == 0) ZT_LOG(kWireModule, fn, "Timeout waiting to send packet");
-      return -1;
-    }
-    ZT_LOG(kWireModule, fn, "Error %d while writing to socket", errno);
-    return -1;
-  }
-  return 0;
+  const IoStatus status =
+      send_all(socket, pm->header, pm->total_length, SocketTimer::whole(timeout_seconds), wire_log(fn));
+  if (status == IoStatus::kTimeout) ZT_LOG(kWireModule, fn, "Timeout waiting to send packet");
+  return status == IoStatus::kDone ? 0 : -1;
 }
 
 }  // extern "C"

@@ -40,10 +40,25 @@ void fill_hex_tables();
 // installs it as the record's release hook.
 void release_globals(ZTGlobals *globals);
 
+struct FieldType;  // packets/field_types.h
+
+// A row of a registered class, resolved once against the field-type table so
+// that the coders never look at a type number again.
+struct Field {
+  const FieldType *type;
+  uint32_t number;     // the ZT_FT_* of the row
+  uint32_t tag;
+  const char *name;    // points into ClassInfo::names
+  uint32_t width;      // bytes of the value, or of one element of an array
+  uint32_t sub_class;  // nested lists and runs
+  uint32_t offset;
+  uint32_t offset2;    // the count, or the second value of a pair
+};
+
 struct ClassInfo {
   uint32_t number = 0;
   uint32_t item_size = 0;
-  std::vector<ZTFieldDesc> fields;   // without the end row
+  std::vector<Field> fields;         // the rows of types 1 to 31, in table order
   std::vector<std::string> names;    // owned copies the rows point into
   std::string name, extra1, extra2;
   uint32_t max_tag = 0;
@@ -73,14 +88,19 @@ class RegistryReader {
 // Logs "StorageClass: %d Not Decodable By System" from `function`.
 void log_bad_class(const char *function, uint32_t class_number);
 
-// Encoding and decoding with the registry already locked (nested calls).
+// Encoding with the registry already locked (nested calls).
 int encode_item(const RegistryReader &reg, const ClassInfo &cls, ZTPacketMemory *pm, const void *item);
 int encode_list(const RegistryReader &reg, const ClassInfo &cls, ZTPacketMemory *pm, const ZTListNode *list);
 
 // Item helpers with the registry locked.
-void free_field(const RegistryReader &reg, const ZTFieldDesc &f, void *item);
 void free_fields(const RegistryReader &reg, const ClassInfo &cls, void *item);
 void free_list(const RegistryReader &reg, const ClassInfo &cls, ZTListNode **list);
 void *alloc_item(const ClassInfo &cls, const char *module, const char *function);
+bool compare_items(const RegistryReader &reg, const ClassInfo &cls, const void *a, const void *b);
+bool compare_lists(const RegistryReader &reg, const ClassInfo &cls, const ZTListNode *a, const ZTListNode *b);
+// Copies what `src` owns into `dst`, a shallow copy of it; on failure `dst`
+// holds only what was copied, so free_fields releases it.
+bool dup_fields(const RegistryReader &reg, const ClassInfo &cls, const void *src, void *dst);
+ZTListNode *dup_list(const RegistryReader &reg, const ClassInfo &cls, const ZTListNode *src, bool &ok);
 
 }  // namespace zt::packets

@@ -1,5 +1,6 @@
 // The RPC value stream: typed, length-prefixed items on a socket.
 #include "foundation/internal.h"
+#include "packets/socket_io.h"
 
 #include <zt/membuf.h>
 #include <zt/packets.h>
@@ -7,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -24,13 +24,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using zt::packets::IoStatus;
+using zt::packets::PeerAddress;
+using zt::packets::recv_exact;
+using zt::packets::recv_some;
+using zt::packets::send_all;
+using zt::packets::SocketLog;
+using zt::packets::SocketTimer;
+using zt::packets::wait_ready;
+
 namespace {
 
 constexpr const char *kModule = "zt_rpc";
 constinit std::atomic<uint64_t> g_max_item{ZT_RPC_DEFAULT_ITEM_LIMIT};
 constinit std::atomic<uint64_t> g_max_file{ZT_RPC_DEFAULT_FILE_LIMIT};
-
-using Clock = std::chrono::steady_clock;
 
 void put32(unsigned char *p, uint32_t v) {
   p[0] = static_cast<unsigned char>(v >> 24);
@@ -88,27 +95,15 @@ bool connected(const ZTRPC *ch) {
          (ch->state == ZT_RPC_CONNECTED || (ch->protocol == ZT_RPC_UDP && ch->state == ZT_RPC_LISTENING));
 }
 
-// Waits for `events` in slices of at most a second so that an abort from
-// another thread is seen. 1 ready, 0 time-out or abort, -1 error (logged).
-int wait_for(ZTRPC *ch, short events, const char *function) {
-  const auto deadline = Clock::now() + std::chrono::seconds(ch->timeout);
-  for (;;) {
-    if (aborted(ch)) return 0;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return 0;
-    pollfd p{ch->socket, events, 0};
-    const int rc = ::poll(&p, 1, left > 1000 ? 1000 : static_cast<int>(left));
-    if (rc == 0) continue;
-    if (rc < 0) {
-      if (errno == EINTR) continue;
-      ZT_LOG(kModule, function, "socket select error %d", errno);
-      return -1;
-    }
-    if (p.revents & (events | POLLHUP | POLLERR)) return 1;
-    ZT_LOG(kModule, function, "Got select but socket is not set");
-    return -1;
-  }
+// The words of the channel's messages; the loops are shared with the packet
+// wire code (packets/socket_io.h).
+SocketLog rpc_log(const char *function) {
+  return SocketLog{kModule, function, "Got select but socket is not set", "socket closed on other end ?"};
 }
+
+// Every wait of a channel gets the channel's time-out afresh and ends early
+// when ZTRPC_Abort comes from another thread.
+SocketTimer timer_of(const ZTRPC *ch, int32_t seconds) { return SocketTimer::per_wait(seconds, &ch->abort_flag); }
 
 size_t available(const ZTRPC *ch) { return ZT_MemBufSize(ch->input) - ch->input_offset; }
 const unsigned char *input_at(const ZTRPC *ch) {
@@ -184,26 +179,20 @@ int read_fixed(ZTRPC *ch, uint32_t type, unsigned char *out, uint64_t n, const c
   return 0;
 }
 
-int send_all(ZTRPC *ch, const char *p, uint64_t left, const char *function) {
-  while (left > 0) {
-    if (aborted(ch)) return 1;
-    const ssize_t n = ::send(ch->socket, p, left, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      p += n;
-      left -= static_cast<uint64_t>(n);
-      continue;
-    }
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      const int ready = wait_for(ch, POLLOUT, function);
-      if (ready > 0) continue;
+// 0 sent, 1 dropped by an abort, -1 failed (logged).
+int send_buffer(ZTRPC *ch, const char *p, uint64_t n, const char *function) {
+  switch (send_all(ch->socket, p, n, timer_of(ch, ch->timeout), rpc_log(function))) {
+    case IoStatus::kDone:
+      return 0;
+    case IoStatus::kAborted:
+      return 1;
+    case IoStatus::kTimeout:
       if (aborted(ch)) return 1;
-      if (ready == 0) ZT_LOG(kModule, function, "Error %d while writing to socket", ETIMEDOUT);
+      ZT_LOG(kModule, function, "Error %d while writing to socket", ETIMEDOUT);
       return -1;
-    }
-    ZT_LOG(kModule, function, "Error %d while writing to socket", errno);
-    return -1;
+    default:
+      return -1;
   }
-  return 0;
 }
 
 struct FdCloser {
@@ -324,11 +313,9 @@ ZT_API ZTRPC *ZTRPC_WaitForConnection(ZTRPC *server, int32_t seconds) {
       ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
       return nullptr;
     }
-    const int32_t saved = server->timeout;
-    server->timeout = seconds < 1 ? 120 : seconds;
-    const int ready = wait_for(server, POLLIN, fn);
-    server->timeout = saved;
-    if (ready <= 0) return nullptr;
+    if (wait_ready(server->socket, POLLIN, timer_of(server, seconds < 1 ? 120 : seconds), rpc_log(fn)) !=
+        IoStatus::kDone)
+      return nullptr;
     sockaddr_in peer{};
     socklen_t len = sizeof peer;
     const int fd = ::accept(server->socket, reinterpret_cast<sockaddr *>(&peer), &len);
@@ -428,7 +415,7 @@ ZT_API int32_t ZTRPC_WriteFlush(ZTRPC *ch) {
     if (ch != nullptr) ZT_MemBufClear(ch->output);
     return -1;
   }
-  const int rc = send_all(ch, static_cast<const char *>(ZT_MemBufPointer(ch->output)), ZT_MemBufSize(ch->output), fn);
+  const int rc = send_buffer(ch, static_cast<const char *>(ZT_MemBufPointer(ch->output)), ZT_MemBufSize(ch->output), fn);
   ZT_MemBufClear(ch->output);
   return rc < 0 ? -1 : 0;
 }
@@ -469,7 +456,7 @@ ZT_API int32_t ZTRPC_WriteFile(ZTRPC *ch, const char *path) {
       continue;
     }
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (wait_for(ch, POLLOUT, fn) > 0) continue;
+      if (wait_ready(ch->socket, POLLOUT, timer_of(ch, ch->timeout), rpc_log(fn)) == IoStatus::kDone) continue;
       if (aborted(ch)) return 0;
     }
     ZT_LOG(kModule, fn, "Error sending file %s", path);
@@ -484,36 +471,21 @@ ZT_API int32_t ZTRPC_read(ZTRPC *ch) {
     ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
     return -1;
   }
-  for (;;) {
-    const int ready = wait_for(ch, POLLIN, fn);
-    if (ready < 0) return -1;
-    if (ready == 0) {
-      if (!aborted(ch)) ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
-      return -1;
-    }
-    char buf[65536];
-    ssize_t n;
-    if (ch->protocol == ZT_RPC_UDP && ch->state == ZT_RPC_LISTENING) {
-      // A datagram server answers the peer it last heard from.
-      sockaddr_in peer{};
-      socklen_t len = sizeof peer;
-      n = ::recvfrom(ch->socket, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&peer), &len);
-      if (n > 0) ::connect(ch->socket, reinterpret_cast<sockaddr *>(&peer), len);
-    } else {
-      n = ::recv(ch->socket, buf, sizeof buf, 0);
-    }
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-    if (n < 0) {
-      ZT_LOG(kModule, fn, "Error %d reading from socket", errno);
-      return -1;
-    }
-    if (n == 0) {
-      if (!aborted(ch)) ZT_LOG(kModule, fn, "socket closed on other end ?");
-      return -1;
-    }
-    if (ZT_MemBufAppend(ch->input, buf, static_cast<size_t>(n)) != 0) return -1;
-    return static_cast<int32_t>(n);
+  char buf[65536];
+  size_t got = 0;
+  // A datagram server answers the peer it last heard from.
+  const bool datagram_server = ch->protocol == ZT_RPC_UDP && ch->state == ZT_RPC_LISTENING;
+  PeerAddress peer;
+  const IoStatus status = recv_some(ch->socket, buf, sizeof buf, got, timer_of(ch, ch->timeout), rpc_log(fn),
+                                    datagram_server ? &peer : nullptr);
+  if (status != IoStatus::kDone) {
+    if (status == IoStatus::kTimeout && !aborted(ch))
+      ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
+    return -1;
   }
+  if (datagram_server) ::connect(ch->socket, reinterpret_cast<sockaddr *>(&peer.address), peer.length);
+  if (ZT_MemBufAppend(ch->input, buf, got) != 0) return -1;
+  return static_cast<int32_t>(got);
 }
 
 ZT_API int32_t ZTRPC_ReadHeader(ZTRPC *ch, uint32_t *type, uint64_t *length) {
@@ -596,7 +568,8 @@ ZT_API int32_t ZTRPC_ReadPacketable(ZTRPC *ch, void **record, uint32_t *storage_
     if (expect_item(ch, ZT_RPC_PACKETABLE, &length, false, 0, fn) != 0) return -1;
     uint32_t third = 0;
     if (length < 48) {
-      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", 6, 6u,
+      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", static_cast<int>(ZT_RPC_PACKETABLE),
+             ZT_RPC_PACKETABLE,
              static_cast<unsigned long long>(length));
       skip(ch, length);
       return -1;
@@ -654,7 +627,8 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     uint32_t type = 0;
     if (ZTRPC_ReadHeader(ch, &type, &length) != 0) return -1;
     if (type != ZT_RPC_FILE_DATA || length > g_max_file.load()) {
-      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", 9, type,
+      ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes",
+             static_cast<int>(ZT_RPC_FILE_DATA), type,
              static_cast<unsigned long long>(length));
       return -1;
     }
@@ -699,26 +673,20 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     if (first && !write_all(input_at(ch), first)) return fail();
     consume(ch, first);
     left -= first;
-    std::unique_ptr<char[]> block(new char[1 << 20]);
+    constexpr uint64_t kBlock = 1u << 20;
+    std::unique_ptr<char[]> block(new char[kBlock]);
+    const SocketTimer timer = timer_of(ch, ch->timeout);
     while (left > 0) {
-      const ssize_t n = ::recv(ch->socket, block.get(), left < (1u << 20) ? left : (1u << 20), 0);
-      if (n > 0) {
-        if (!write_all(block.get(), static_cast<size_t>(n))) return fail();
-        left -= static_cast<uint64_t>(n);
-        continue;
-      }
-      if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-        const int ready = wait_for(ch, POLLIN, fn);
-        if (ready > 0) continue;
-        if (ready == 0 && !aborted(ch)) ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
+      size_t got = 0;
+      const IoStatus status =
+          recv_exact(ch->socket, block.get(), static_cast<size_t>(left < kBlock ? left : kBlock), got, timer, rpc_log(fn));
+      if (status != IoStatus::kDone) {
+        if (status == IoStatus::kTimeout && !aborted(ch))
+          ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
         return fail();
       }
-      if (n == 0) {
-        if (!aborted(ch)) ZT_LOG(kModule, fn, "socket closed on other end ?");
-      } else {
-        ZT_LOG(kModule, fn, "Error %d reading from socket", errno);
-      }
-      return fail();
+      if (!write_all(block.get(), got)) return fail();
+      left -= got;
     }
     if (name != nullptr && name_size > 0) {
       const size_t n = leaf.size() < name_size - 1 ? leaf.size() : static_cast<size_t>(name_size - 1);

@@ -2,6 +2,7 @@
 // decoding, the built-in classes, and the packet subsystem's start-up.
 #include "foundation/globals_internal.h"
 #include "foundation/internal.h"
+#include "packets/field_types.h"
 #include "packets/packets_internal.h"
 
 #include <zt/packets.h>
@@ -34,30 +35,6 @@ constinit std::atomic<ZTStorageClasses *> g_current{nullptr};
 // The registry that start-up made, released at shut-down.
 constinit ZTStorageClasses *g_owned = nullptr;
 
-// Bytes that a field occupies at `offset` (and at offset2 where used), for the
-// bounds check at registration.
-uint32_t field_bytes(const ZTFieldDesc &f) {
-  switch (f.type) {
-    case 1: case 2: case 5: case 20: case 21: case 24: case 28: case 29: return 4;
-    case 3: case 6: return 2;
-    case 4: case 7: return 1;
-    case 8: case 25: case 26: return 8;
-    case 13: return f.width == 1 ? 1 : f.width == 2 ? 2 : 4;
-    case 14: return 4;
-    default: return sizeof(void *);
-  }
-}
-
-bool uses_offset2(uint32_t type) {
-  switch (type) {
-    case 12: case 14: case 15: case 16: case 17: case 18: case 19: case 22: case 23: case 27:
-    case 30: case 31:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // Lower-level add into a given registry, under its write lock.
 int add_class(ZTStorageClasses *reg, const ZTStorageClassDesc *d, uint32_t number) {
   const char *fn = "ZTAddStorageClass";
@@ -77,13 +54,7 @@ int add_class(ZTStorageClasses *reg, const ZTStorageClassDesc *d, uint32_t numbe
     return -1;
   }
   size_t rows = 0;
-  while (d->fields != nullptr && rows < d->field_count && d->fields[rows].type != 0) ++rows;
-  info->fields.assign(d->fields, d->fields + rows);
-  info->names.reserve(rows);
-  for (auto &f : info->fields) {
-    info->names.emplace_back(f.name ? f.name : "");
-  }
-  for (size_t i = 0; i < rows; ++i) info->fields[i].name = info->names[i].c_str();
+  while (d->fields != nullptr && rows < d->field_count && d->fields[rows].type != ZT_FT_END) ++rows;
 
   std::lock_guard<std::mutex> serial(g_current_mutex);
   ZT_LOCK_WRITE(&reg->lock);
@@ -96,10 +67,16 @@ int add_class(ZTStorageClasses *reg, const ZTStorageClassDesc *d, uint32_t numbe
     ZT_LOG(kModule, fn, "Storage Class of %d Already Exists", static_cast<int>(number));
     return -1;
   }
+  // Rows of types above the table are kept out: nothing reads them.
+  info->fields.reserve(rows);
+  info->names.reserve(rows);
   for (size_t i = 0; i < rows; ++i) {
-    const ZTFieldDesc &f = info->fields[i];
-    if (f.type > 31) continue;
-    if (f.type == 11 || f.type == 12) {
+    const ZTFieldDesc &row = d->fields[i];
+    const FieldType *type = field_type(row.type);
+    if (type == nullptr) continue;
+    const Field f{type, row.type, row.tag, nullptr, resolved_width(*type, row.width), row.sub_class, row.offset,
+                  row.offset2};
+    if (type->shape == Shape::kList || type->shape == Shape::kRun) {
       if (f.sub_class >= reg->table.size() || !reg->table[f.sub_class]) {
         ZT_LOG(kModule, fn,
                "Storage Class: %d at entry: %d Refers  To An Unitialised StorageClass of: %d ALL Refererd to "
@@ -112,107 +89,40 @@ int add_class(ZTStorageClasses *reg, const ZTStorageClassDesc *d, uint32_t numbe
     // item would let a body write past it.
     bool bad = f.tag == 0 || f.tag > kMaxTag ||
                static_cast<uint64_t>(f.offset) + field_bytes(f) > d->item_size ||
-               (uses_offset2(f.type) && static_cast<uint64_t>(f.offset2) + 4 > d->item_size);
-    if (!bad) {
-      for (size_t j = 0; j < i; ++j)
-        if (info->fields[j].tag == f.tag && info->fields[j].type <= 31) bad = true;
-    }
+               (type->uses_offset2 && static_cast<uint64_t>(f.offset2) + 4 > d->item_size);
+    for (const Field &earlier : info->fields)
+      if (earlier.tag == f.tag) bad = true;
     if (bad) {
       ZT_LOG(kModule, fn, "Storage Class: %d at entry: %d has an invalid tag or offset", static_cast<int>(number),
              static_cast<int>(i));
       return -1;
     }
     if (f.tag > info->max_tag) info->max_tag = f.tag;
+    info->fields.push_back(f);
+    info->names.emplace_back(row.name ? row.name : "");
   }
+  // The names are placed once the vector no longer moves.
+  for (size_t i = 0; i < info->fields.size(); ++i) info->fields[i].name = info->names[i].c_str();
   info->by_tag.assign(static_cast<size_t>(info->max_tag) + 1, -1);
-  for (size_t i = 0; i < rows; ++i)
-    if (info->fields[i].type <= 31) info->by_tag[info->fields[i].tag] = static_cast<int32_t>(i);
+  for (size_t i = 0; i < info->fields.size(); ++i) info->by_tag[info->fields[i].tag] = static_cast<int32_t>(i);
   if (number >= reg->table.size()) reg->table.resize(static_cast<size_t>(number) + 1);
   reg->table[number] = std::move(info);
   if (number > reg->highest) reg->highest = number;
   return 0;
 }
 
-#define ZT_F(type, tag, name, width, sub, st, member, count)                                          \
-  ZTFieldDesc {                                                                                      \
-    type, tag, name, width, sub, 0, 0, static_cast<uint32_t>(offsetof(st, member)),                  \
-        static_cast<uint32_t>(count)                                                                 \
-  }
-#define ZT_OFF(st, member) offsetof(st, member)
-
 int add_builtins(ZTStorageClasses *reg) {
   const ZTFieldDesc request[] = {
-      ZT_F(5, 1, "Command", 0, 0, ZTRequestItem, command, 0),
-      ZT_F(5, 2, "Flags", 0, 0, ZTRequestItem, flags, 0),
-      ZT_F(5, 3, "DataClass", 0, 0, ZTRequestItem, data_class, 0),
-      ZT_F(1, 4, "JobNumber", 0, 0, ZTRequestItem, job_number, 0),
-      ZT_F(9, 5, "User", 0, 0, ZTRequestItem, user, 0),
-      ZT_F(25, 6, "Time", 0, 0, ZTRequestItem, time, 0),
-      ZTFieldDesc{}};
-  const ZTFieldDesc child[] = {
-      ZT_F(5, 1, "Id", 0, 0, ZTTestChild, id, 0),
-      ZT_F(9, 2, "Label", 0, 0, ZTTestChild, label, 0),
-      ZT_F(8, 3, "Value", 0, 0, ZTTestChild, value, 0),
-      ZTFieldDesc{}};
-  using A = ZTTestAll;
-  const ZTFieldDesc all[] = {
-      ZT_F(1, 1, "Int32", 0, 0, A, t1, 0),
-      ZT_F(2, 2, "UInt32", 0, 0, A, t2, 0),
-      ZT_F(3, 3, "Int16", 0, 0, A, t3, 0),
-      ZT_F(4, 4, "Int8", 0, 0, A, t4, 0),
-      ZT_F(5, 5, "UInt32b", 0, 0, A, t5, 0),
-      ZT_F(6, 6, "UInt16", 0, 0, A, t6, 0),
-      ZT_F(7, 7, "UInt8", 0, 0, A, t7, 0),
-      ZT_F(8, 8, "Double", 0, 0, A, t8, 0),
-      ZT_F(9, 9, "String", 0, 0, A, t9, 0),
-      ZT_F(11, 0x11, "ChildList", 0, ZT_CLASS_TEST_CHILD, A, t11, 0),
-      ZT_F(12, 0x12, "ChildRun", 0, ZT_CLASS_TEST_CHILD, A, t12, ZT_OFF(A, t12_count)),
-      ZT_F(13, 0x13, "Width2", 2, 0, A, t13, 0),
-      ZT_F(14, 0x14, "Pair", 0, 0, A, t14a, ZT_OFF(A, t14b)),
-      ZT_F(15, 0x15, "Doubles", 0, 0, A, t15, ZT_OFF(A, t15_count)),
-      ZT_F(16, 0x16, "Width2Array", 2, 0, A, t16, ZT_OFF(A, t16_count)),
-      ZT_F(17, 0x17, "UInt32Array", 0, 0, A, t17, ZT_OFF(A, t17_count)),
-      ZT_F(18, 0x18, "UInt16Array", 0, 0, A, t18, ZT_OFF(A, t18_count)),
-      ZT_F(19, 0x19, "UInt8Array", 0, 0, A, t19, ZT_OFF(A, t19_count)),
-      ZT_F(20, 0x20, "Value20", 0, 0, A, t20, 0),
-      ZT_F(21, 0x21, "Value21", 0, 0, A, t21, 0),
-      ZT_F(22, 0x22, "Binary", 0, 0, A, t22, ZT_OFF(A, t22_count)),
-      ZT_F(23, 0x23, "Strings", 0, 0, A, t23, ZT_OFF(A, t23_count)),
-      ZT_F(24, 0x24, "UInt32c", 0, 0, A, t24, 0),
-      ZT_F(25, 0x25, "Int64", 0, 0, A, t25, 0),
-      ZT_F(26, 0x26, "Int64b", 0, 0, A, t26, 0),
-      ZT_F(27, 0x27, "Array27", 0, 0, A, t27, ZT_OFF(A, t27_count)),
-      ZT_F(28, 0x28, "Value28", 0, 0, A, t28, 0),
-      ZT_F(29, 0x29, "Value29", 0, 0, A, t29, 0),
-      ZT_F(30, 0x30, "Array30", 0, 0, A, t30, ZT_OFF(A, t30_count)),
-      ZT_F(31, 0x31, "Array31", 0, 0, A, t31, ZT_OFF(A, t31_count)),
-      ZTFieldDesc{}};
-  using R = ZTTestRecord;
-  const ZTFieldDesc record[] = {
-      ZT_F(5, 1, "JobNumber", 0, 0, R, job_number, 0),
-      ZT_F(9, 2, "Name", 0, 0, R, name, 0),
-      ZT_F(9, 3, "Owner", 0, 0, R, owner, 0),
-      ZT_F(9, 4, "Media", 0, 0, R, media, 0),
-      ZT_F(1, 5, "Copies", 0, 0, R, copies, 0),
-      ZT_F(6, 6, "Priority", 0, 0, R, priority, 0),
-      ZT_F(7, 7, "State", 0, 0, R, state, 0),
-      ZT_F(8, 8, "WidthMM", 0, 0, R, width_mm, 0),
-      ZT_F(8, 9, "HeightMM", 0, 0, R, height_mm, 0),
-      ZT_F(25, 0xa, "Submitted", 0, 0, R, submitted, 0),
-      ZT_F(17, 0xb, "InkLimits", 0, 0, R, ink_limits, ZT_OFF(R, ink_count)),
-      ZTFieldDesc{}};
-  auto desc = [](uint32_t n, uint32_t size, const ZTFieldDesc *f, uint32_t rows, const char *name) {
-    return ZTStorageClassDesc{n, size, f, rows, name, "", ""};
-  };
-  const ZTStorageClassDesc descs[] = {
-      desc(ZT_CLASS_REQUEST, sizeof(ZTRequestItem), request, 7, "Request"),
-      desc(ZT_CLASS_TEST_CHILD, sizeof(ZTTestChild), child, 4, "TestChild"),
-      desc(ZT_CLASS_TEST_ALL, sizeof(ZTTestAll), all, sizeof(all) / sizeof(all[0]), "TestAll"),
-      desc(ZT_CLASS_TEST_RECORD, sizeof(ZTTestRecord), record, sizeof(record) / sizeof(record[0]), "TestRecord"),
-  };
-  for (const auto &d : descs)
-    if (add_class(reg, &d, d.class_number) != 0) return -1;
-  return 0;
+      {ZT_FT_UINT32B, 1, "Command", 0, 0, 0, 0, offsetof(ZTRequestItem, command), 0},
+      {ZT_FT_UINT32B, 2, "Flags", 0, 0, 0, 0, offsetof(ZTRequestItem, flags), 0},
+      {ZT_FT_UINT32B, 3, "DataClass", 0, 0, 0, 0, offsetof(ZTRequestItem, data_class), 0},
+      {ZT_FT_INT32, 4, "JobNumber", 0, 0, 0, 0, offsetof(ZTRequestItem, job_number), 0},
+      {ZT_FT_STRING, 5, "User", 0, 0, 0, 0, offsetof(ZTRequestItem, user), 0},
+      {ZT_FT_INT64, 6, "Time", 0, 0, 0, 0, offsetof(ZTRequestItem, time), 0},
+      {}};
+  const ZTStorageClassDesc desc{ZT_CLASS_REQUEST, sizeof(ZTRequestItem), request,
+                                sizeof request / sizeof request[0], "Request", "", ""};
+  return add_class(reg, &desc, ZT_CLASS_REQUEST);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Records as text: encode and decode MB/s of a list of 100,000 job-like
 // records (class 102). The goal for decoding is at least 200 MB/s.
+#include "support/packet_test_classes.h"
+
 #include <zt/init.h>
 #include <zt/log.h>
 #include <zt/packets.h>
@@ -24,6 +26,7 @@ class Library {
     if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
     dir_ = tmpl;
     ZT_InitSubSystems();
+    if (zt::test::register_packet_test_classes() != 0) std::abort();
     for (uint32_t i = 0; i < kRecords; ++i) {
       auto *r = static_cast<ZTTestRecord *>(std::calloc(1, sizeof(ZTTestRecord)));
       r->job_number = 100000 + i;

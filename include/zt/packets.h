@@ -14,12 +14,9 @@
  * Every failure is logged once (module "packets", or "ztlp" for the socket
  * readers) and reported as -1 or NULL.
  *
- * Built-in classes (registered by ZT_packetsInitSubSystem, see below):
- *   6    "Request"     ZTRequestItem, the head of every request packet;
- *   100  "TestChild"   ZTTestChild, a small record nested by the others;
- *   101  "TestAll"     ZTTestAll, one field of every encodable type;
- *   102  "TestRecord"  ZTTestRecord, a job-like record (strings, integers of
- *                      each width, doubles, an array) used by benchmarks.
+ * Built-in class (registered by ZT_packetsInitSubSystem, see below):
+ *   6    "Request"     ZTRequestItem, the head of every request packet.
+ * Every other class is registered by the code that owns its record.
  *
  * Limits on what outside bytes may announce (all settable):
  *   ReadPacketFromFileSizeLimited: ZT_PACKET_DEFAULT_FILE_LIMIT when 0 is given;
@@ -127,13 +124,13 @@ typedef struct ZTPacketMemory {
 #define ZT_PACKET_MAX_STEP 1048576u
 #define ZT_PACKET_DEFAULT_FILE_LIMIT (64u * 1024u * 1024u)
 
-/* Fills the hexadecimal digit table and registers the built-in classes.
+/* Fills the hexadecimal digit table and registers the built-in class.
  * Called by ZT_InitSubSystems; idempotent. */
 ZT_API void ZT_packetsInitSubSystem(void);
 /* Releases what ZT_packetsInitSubSystem made. Called by ZT_DeInitSubSystems. */
 ZT_API void ZT_packetsDeInitSubSystem(void);
 
-/* A new registry holding the built-in classes. It becomes the library's
+/* A new registry holding the built-in class. It becomes the library's
  * current registry when there is none. NULL when memory runs out (logged). */
 ZT_API ZTStorageClasses *ZTInitStorageClasses(void);
 /* Frees a registry (the current one stops being current). NULL is accepted. */
@@ -218,12 +215,9 @@ ZT_API int32_t WritePacketDataFileFromList(const char *path, const ZTListNode *l
 ZT_API ZTPacketMemory *ReadPacketFromFileSizeLimited(const char *path, uint64_t limit);
 ZT_API ZTListNode *ReadListFromPacketDataFile(const char *path, uint32_t class_number);
 
-/* ---- Built-in classes ------------------------------------------------- */
+/* ---- Built-in class --------------------------------------------------- */
 
 #define ZT_CLASS_REQUEST 6u
-#define ZT_CLASS_TEST_CHILD 100u
-#define ZT_CLASS_TEST_ALL 101u
-#define ZT_CLASS_TEST_RECORD 102u
 
 /* Class 6: heads every request packet. Bit 0 of `flags` says the data that
  * follows is a list of `data_class`, otherwise one item. */
@@ -236,72 +230,6 @@ typedef struct ZTRequestItem {
   char *user;          /* tag 5 */
   int64_t time;        /* tag 6 */
 } ZTRequestItem;
-
-typedef struct ZTTestChild {
-  ZTListNode node;
-  uint32_t id;  /* tag 1, type 5 */
-  char *label;  /* tag 2, type 9 */
-  double value; /* tag 3, type 8 */
-} ZTTestChild;
-
-/* One field of every encodable type; the tag is the type number. */
-typedef struct ZTTestAll {
-  ZTListNode node;
-  int32_t t1;
-  uint32_t t2;
-  int16_t t3;
-  int8_t t4;
-  uint32_t t5;
-  uint16_t t6;
-  uint8_t t7;
-  double t8;
-  char *t9;
-  ZTListNode *t11;      /* list of TestChild */
-  ZTTestChild *t12;     /* run of TestChild, count t12_count */
-  uint32_t t12_count;
-  uint16_t t13;         /* width 2 */
-  uint32_t t14a, t14b;
-  double *t15;
-  uint32_t t15_count;
-  uint16_t *t16;        /* width 2 */
-  uint32_t t16_count;
-  uint32_t *t17;
-  uint32_t t17_count;
-  uint16_t *t18;
-  uint32_t t18_count;
-  uint8_t *t19;
-  uint32_t t19_count;
-  uint32_t t20, t21;
-  uint8_t *t22;
-  uint32_t t22_count;
-  char **t23;
-  uint32_t t23_count;
-  uint32_t t24;
-  int64_t t25, t26;
-  uint32_t *t27;
-  uint32_t t27_count;
-  uint32_t t28, t29;
-  uint32_t *t30;
-  uint32_t t30_count;
-  uint32_t *t31;
-  uint32_t t31_count;
-} ZTTestAll;
-
-typedef struct ZTTestRecord {
-  ZTListNode node;
-  uint32_t job_number;  /* tag 1 */
-  char *name;           /* tag 2 */
-  char *owner;          /* tag 3 */
-  char *media;          /* tag 4 */
-  int32_t copies;       /* tag 5 */
-  uint16_t priority;    /* tag 6 */
-  uint8_t state;        /* tag 7 */
-  double width_mm;      /* tag 8 */
-  double height_mm;     /* tag 9 */
-  int64_t submitted;    /* tag a */
-  uint32_t *ink_limits; /* tag b, count ink_count */
-  uint32_t ink_count;
-} ZTTestRecord;
 
 /* ---- Packet header on sockets --------------------------------------- */
 
@@ -342,12 +270,14 @@ ZT_API int32_t AddPacketHeader(ZTPacketMemory *packet_memory, uint32_t field1, u
  * peer or a header cut off by the time-out (logged, module "ztlp"). */
 ZT_API int32_t ReadPacketHeaderFromSocket(int socket, ZTPacketHeader *header, int32_t timeout_seconds);
 /* Body of header->field4 bytes into a new packet memory (*packet_memory, the
- * caller frees it). 0, 1 on time-out, -1 on error or a length above the
+ * caller frees it). The memory grows with the bytes that arrive, not with the
+ * length announced. 0, 1 on time-out, -1 on error or a length above the
  * limit; on 1 and -1 nothing is left allocated. */
 ZT_API int32_t ReadPacketBodyFromSocket(int socket, const ZTPacketHeader *header,
                                         ZTPacketMemory **packet_memory, int32_t timeout_seconds);
-/* From memory: bytes before the magic are skipped. 0 header read, 1 more
- * bytes needed, -1 bad field (logged). */
+/* From memory: bytes before the magic are skipped. The fields are taken by
+ * the socket reader's rule (eight hex digits and LF each). 0 header read, 1
+ * more bytes needed, -1 bad field (logged). */
 ZT_API int32_t ReadPacketHeaderFromBuffer(const void *bytes, uint64_t length, ZTPacketHeader *header);
 /* `bytes` holds the body (at least header->field4 bytes). 0, 1 when fewer
  * bytes are there, -1 on error (logged). */

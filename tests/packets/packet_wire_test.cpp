@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -100,6 +102,42 @@ TEST_F(PacketWire, BufferParserSkipsGarbageAndWaitsForMore) {
   const std::string long_field = "ZT5wapa\n000000001\n";
   EXPECT_EQ(ReadPacketHeaderFromBuffer(long_field.data(), long_field.size(), &h), -1);
   expect_one_log("Header packet mismatch, dropping packet");
+}
+
+// The socket and buffer readers take a header by one rule, the writer's:
+// each field exactly eight hex digits and LF. Short fields would make the
+// socket reader take body bytes as header.
+TEST_F(PacketWire, SocketAndBufferReadersAgreeOnEveryHeader) {
+  const std::string body(44, 'b');
+  const std::string cases[] = {
+      header_text(1, 8, 0xabcdef12u, 4),
+      "ZT5wapa\n1\n8\n0\n4\n",
+      "ZT5wapa\n0000000A\n00000008\n0000000B\n00000004\n",
+      "ZT5wapa\n000000001\n0000008\n00000000\n00000004\n",
+      "ZT5wapa\n00000001 00000008\n00000000\n00000004\n",
+      "ZT5wapa\n00000001\n00000008\n00000000\n0000004\n\n",
+  };
+  for (const std::string &header : cases) {
+    SCOPED_TRACE(header);
+    const std::string wire = header + body;
+    ZTPacketHeader from_buffer{}, from_socket{};
+    const int buffer_rc = ReadPacketHeaderFromBuffer(wire.data(), wire.size(), &from_buffer);
+    Loopback link;
+    link.send_text(wire);
+    const int socket_rc = ReadPacketHeaderFromSocket(link.server, &from_socket, 2);
+    EXPECT_EQ(buffer_rc, socket_rc);
+    if (buffer_rc == 0 && socket_rc == 0) {
+      EXPECT_EQ(from_buffer.header_bytes, 44u);
+      EXPECT_EQ(from_buffer.field1, from_socket.field1);
+      EXPECT_EQ(from_buffer.field2, from_socket.field2);
+      EXPECT_EQ(from_buffer.field3, from_socket.field3);
+      EXPECT_EQ(from_buffer.field4, from_socket.field4);
+    }
+    auto lines = log_.lines();
+    for (const auto &line : lines) EXPECT_EQ(line.message, "Header packet mismatch, dropping packet");
+    EXPECT_EQ(lines.size(), (buffer_rc != 0) + (socket_rc != 0));
+    log_.clear();
+  }
 }
 
 TEST_F(PacketWire, HeaderArrivingInPiecesIsAssembled) {
@@ -225,6 +263,55 @@ TEST_F(PacketWire, AnnouncedBodyLengthsAreBounded) {
   }
   ZTPacketSetMaxBodyLength(0);
   EXPECT_EQ(ZTPacketGetMaxBodyLength(), ZT_PACKET_DEFAULT_BODY_LIMIT);
+}
+
+// Bytes of this process that are in memory now.
+uint64_t resident_bytes() {
+  std::FILE *f = std::fopen("/proc/self/statm", "r");
+  unsigned long long pages = 0, resident = 0;
+  if (f == nullptr) return 0;
+  if (std::fscanf(f, "%llu %llu", &pages, &resident) != 2) resident = 0;
+  std::fclose(f);
+  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// A peer that announces a large body and stalls costs what it sent, not what
+// it announced; a body that does arrive in full is whole however it grew.
+TEST_F(PacketWire, BodyMemoryFollowsTheBytesThatArrive) {
+  Loopback stalled;
+  const ZTPacketHeader announced{1, 2, 3, 200u << 20, 44};
+  stalled.send_text(std::string(1000, 's'));
+  const uint64_t before = resident_bytes();
+  std::atomic<int> rc{2};
+  std::thread reader([&] {
+    ZTPacketMemory *pm = nullptr;
+    rc = ReadPacketBodyFromSocket(stalled.server, &announced, &pm, 10);
+    FreePacketMemory(&pm);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const uint64_t during = resident_bytes();
+  stalled.close_client();
+  reader.join();
+  EXPECT_EQ(rc.load(), -1);
+  EXPECT_LT(during, before + (16u << 20));
+  expect_one_log("Socket closed on other end");
+
+  Loopback link;
+  std::string body(5 * 1048576 + 7, '\0');
+  for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>('a' + i * 7 % 26);
+  std::thread sender([&] {
+    for (size_t at = 0; at < body.size(); at += 300000)
+      ::send(link.client, body.data() + at, std::min<size_t>(300000, body.size() - at), MSG_NOSIGNAL);
+  });
+  const ZTPacketHeader whole{1, 2, 3, static_cast<uint32_t>(body.size()), 44};
+  ZTPacketMemory *pm = nullptr;
+  EXPECT_EQ(ReadPacketBodyFromSocket(link.server, &whole, &pm, 10), 0);
+  sender.join();
+  ASSERT_NE(pm, nullptr);
+  EXPECT_TRUE(body_of(pm) == body);
+  EXPECT_EQ(pm->data[pm->body_length], '\0');
+  FreePacketMemory(&pm);
+  expect_no_log();
 }
 
 TEST_F(PacketWire, RequestPacketTravelsOnAHighNumberedSocket) {

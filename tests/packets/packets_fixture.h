@@ -2,6 +2,7 @@
 // the packet tests.
 #pragma once
 
+#include "support/packet_test_classes.h"
 #include "support/test_support.h"
 
 #include <zt/packets.h>
@@ -13,7 +14,14 @@
 
 namespace zt::test {
 
-using PacketsTest = LibraryTest;
+// The library with the test storage classes registered, and the one log
+// capture of every library test.
+class PacketsTest : public LibraryTest {
+ protected:
+  struct TestClasses {
+    TestClasses() { EXPECT_EQ(register_packet_test_classes(), 0); }
+  } classes_;
+};
 
 struct PacketMemoryDeleter {
   void operator()(ZTPacketMemory *pm) const { FreePacketMemory(&pm); }
