@@ -301,6 +301,7 @@ ZT_API void DestroyScreeningObject(ScreeningObject *object) {
   std::free(object->levelBase);
   std::free(object->levelFraction);
   std::free(object->matrixRows);
+  std::free(object->levelRows);
   for (uint8_t *tile : object->ditherScreens) std::free(tile);
   std::free(object);
 }

@@ -17,6 +17,7 @@
  *   5   a threshold matrix read from "lib/screens/vrfs/<screenName>" below the
  *       installation root (layout below)
  *   9   pattern mode: 256 nested tiles cut from the mode-2 mask; 8-bit only
+ *       (screened by comparing with that mask, which gives the tiles' bits)
  *   11  the fixed 4 x 4 ordered cell (entries 238 102 204 68 / 34 170 0 136 /
  *       187 51 221 85 / 239 119 17 153; the 239 is the intended wrap)
  *   7   refused: "Screening mode 7 is not supported, use mode 2 or 3"
@@ -168,6 +169,8 @@ struct ScreeningObject {
   uint8_t *levelBase;      /* multi-level thresholds: base level of each 8-bit value */
   uint8_t *levelFraction;  /* ... and its position between that level and the next */
   uint8_t *matrixRows;     /* matrix rows of cellWidth + 16, wrapped: for the loops */
+  uint8_t *levelRows;      /* multi-level: for each level k >= 1, rows like matrixRows
+                              holding the largest value that stays below level k */
 };
 
 /* ---- Levels --------------------------------------------------------------- */

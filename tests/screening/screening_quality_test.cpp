@@ -337,3 +337,47 @@ TEST(ScreeningQuality, DefaultCMYKSetHasNoMoireResidual) {
 }
 
 }  // namespace
+
+namespace {
+
+// The sixteen-pixel loops against the per-pixel rules they replace: the
+// multi-level rows against base + (fraction > entry), the pattern mode
+// against its tiles' bits, on random lines of widths off the vector size.
+TEST(ScreeningKernels, VectorLoopsMatchThePerPixelRules) {
+  LibraryScope library;
+  std::srand(12);
+  for (uint32_t mode : {2u, 8u, 11u}) {
+    ScreeningSettings s = settings_for(mode, 5, 3);
+    Object o(CreateScreeningObject(&s, 1000, 8));
+    ASSERT_NE(o->levelRows, nullptr);
+    for (uint32_t width : {1000u, 997u, 15u, 1u}) {
+      for (uint32_t y = 0; y < 40; ++y) {
+        std::vector<uint8_t> in(width), copy, fast(o->outputBytes), slow(o->outputBytes);
+        for (auto &v : in) v = static_cast<uint8_t>(std::rand());
+        copy = in;
+        o->screenScanline(o.get(), in.data(), fast.data(), width, y);
+        uint8_t *rows = o->levelRows;
+        o->levelRows = nullptr;
+        o->screenScanline(o.get(), copy.data(), slow.data(), width, y);
+        o->levelRows = rows;
+        ASSERT_EQ(fast, slow) << mode << " width " << width << " y " << y;
+      }
+    }
+  }
+  ScreeningSettings s = settings_for(ZT_SCREEN_PATTERN);
+  s.channel = 1;
+  Object o(CreateScreeningObject(&s, 333, 8));
+  for (uint32_t y = 0; y < 300; y += 7) {
+    std::vector<uint8_t> in(333), out(o->outputBytes);
+    for (auto &v : in) v = static_cast<uint8_t>(std::rand());
+    o->screenScanline(o.get(), in.data(), out.data(), 333, y);
+    for (uint32_t x = 0; x < 333; ++x) {
+      const uint8_t *tile = o->ditherScreens[in[x]];
+      const uint32_t tx = x % o->cellWidth, ty = y % o->cellHeight;
+      const bool want = tile != nullptr && ((tile[ty * o->patternStride + tx / 8] >> (7 - tx % 8)) & 1u);
+      ASSERT_EQ(((out[x / 8] >> (7 - x % 8)) & 1u) != 0, want) << x << " " << y;
+    }
+  }
+}
+
+}  // namespace
