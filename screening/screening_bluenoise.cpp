@@ -54,7 +54,8 @@ Filter make_filter(double aspect) {
 
 class VoidAndCluster {
  public:
-  explicit VoidAndCluster(double aspect) : filter_(make_filter(aspect)), energy_(kArea, 0.0), dots_(kArea, 0) {}
+  explicit VoidAndCluster(double aspect)
+      : filter_(make_filter(aspect)), energy_(kArea, 0.0), dots_(kArea, 0) {}
 
   void build(uint32_t *ranks) {
     // A fixed generator: the mask is part of the product's look, the same in

@@ -154,13 +154,27 @@ void diffuse_planes(ScreeningObject *o, const T *in, uint8_t *out, uint32_t widt
     return;
   }
   switch (o->outputPlanes) {
-    case 1: diffuse_line<T, 1, Top>(o, in, out, width, y); break;
-    case 2: diffuse_line<T, 2, Top>(o, in, out, width, y); break;
-    case 3: diffuse_line<T, 3, Top>(o, in, out, width, y); break;
-    case 4: diffuse_line<T, 4, Top>(o, in, out, width, y); break;
-    case 5: diffuse_line<T, 5, Top>(o, in, out, width, y); break;
-    case 6: diffuse_line<T, 6, Top>(o, in, out, width, y); break;
-    default: diffuse_line<T, 0, Top>(o, in, out, width, y); break;
+    case 1:
+      diffuse_line<T, 1, Top>(o, in, out, width, y);
+      break;
+    case 2:
+      diffuse_line<T, 2, Top>(o, in, out, width, y);
+      break;
+    case 3:
+      diffuse_line<T, 3, Top>(o, in, out, width, y);
+      break;
+    case 4:
+      diffuse_line<T, 4, Top>(o, in, out, width, y);
+      break;
+    case 5:
+      diffuse_line<T, 5, Top>(o, in, out, width, y);
+      break;
+    case 6:
+      diffuse_line<T, 6, Top>(o, in, out, width, y);
+      break;
+    default:
+      diffuse_line<T, 0, Top>(o, in, out, width, y);
+      break;
   }
 }
 
@@ -237,7 +251,8 @@ void release_stochastic_structs(ScreeningObject *object) {
   object->cached = 0;
 }
 
-int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
+int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width,
+                               uint32_t y) {
   apply_input_lut(object, input, width);
   std::memset(output, 0, object->outputBytes);
   if (object->inputBits == 16)

@@ -83,7 +83,8 @@ void threshold_two(const ScreeningObject *o, const uint8_t *in, uint8_t *out, ui
 }
 
 // Codes of eight pixels (pixel 0 first) into one byte of each plane.
-inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, size_t at, const uint32_t *codes8) {
+inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, size_t at,
+                        const uint32_t *codes8) {
   for (uint32_t k = 0; k < planes; ++k) {
     uint32_t byte = 0;
     for (uint32_t b = 0; b < 8; ++b) byte = (byte << 1) | ((codes8[b] >> k) & 1u);
@@ -261,7 +262,8 @@ int32_t build_level_tables(ScreeningObject *object) {
 int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
   apply_input_lut(object, input, width);
   std::memset(output, 0, object->outputBytes);
-  const uint8_t *row = object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
+  const uint8_t *row =
+      object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
   const bool multi = object->levelBase != nullptr;
   const uint32_t ty = y % object->cellHeight;
   over_bytes(object, input, width, [&](const uint8_t *in, uint32_t x0, uint32_t n) {
