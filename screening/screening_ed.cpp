@@ -109,16 +109,8 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
           write_code<Planes>(out, bpp, planes, x, dot ? c[1] : 0u);
         } else if constexpr (Top == 3) {
           const int level = (value > t[1] ? 1 : 0) + (value > t[2] ? 1 : 0) + (value > t[3] ? 1 : 0);
-          int32_t dl = d[0];
-          uint32_t cl = 0;
-          dl = level >= 1 ? d[1] : dl;
-          cl = level >= 1 ? c[1] : cl;
-          dl = level >= 2 ? d[2] : dl;
-          cl = level >= 2 ? c[2] : cl;
-          dl = level >= 3 ? d[3] : dl;
-          cl = level >= 3 ? c[3] : cl;
-          e = value - dl;
-          write_code<Planes>(out, bpp, planes, x, cl);
+          e = value - d[level];
+          write_code<Planes>(out, bpp, planes, x, c[level]);
         } else {
           const int32_t m = Modulated && mod != nullptr ? mod[static_cast<size_t>(x) % cw] : 0;
           const uint32_t level = pick_level(value, m, thr, top);
