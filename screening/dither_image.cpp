@@ -45,8 +45,8 @@ ZT_API int32_t ditherSetupImage16to8(DitherContext *context, uint32_t width, uin
   });
 }
 
-ZT_API int32_t ditherSetupImage(DitherContext *context, uint32_t inputBits, uint32_t channels, uint32_t outputBits,
-                                uint32_t width) {
+ZT_API int32_t ditherSetupImage(DitherContext *context, uint32_t inputBits, uint32_t channels,
+                                uint32_t outputBits, uint32_t width) {
   if (inputBits != 16 || outputBits != 8) {
     ZT_LOG(kDitherModule, "ditherSetupImage", "%u bpp to %u bpp transformation not implemented", inputBits,
            outputBits);
@@ -55,7 +55,8 @@ ZT_API int32_t ditherSetupImage(DitherContext *context, uint32_t inputBits, uint
   return ditherSetupImage16to8(context, width, channels);
 }
 
-ZT_API int32_t ditherImage16To8(DitherContext *context, uint8_t *out, uint16_t *in, uint32_t width, size_t stride) {
+ZT_API int32_t ditherImage16To8(DitherContext *context, uint8_t *out, uint16_t *in, uint32_t width,
+                                size_t stride) {
   if (context == nullptr || out == nullptr || in == nullptr || context->channelScreens == nullptr ||
       context->method != ZT_DITHER_IMAGE || (context->channelCount > 1 && stride < width)) {
     ZT_LOG(kDitherModule, "ditherImage16To8", "%u bpp to %u bpp transformation not implemented", 16u, 8u);

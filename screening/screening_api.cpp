@@ -31,9 +31,12 @@ int32_t checked_screen(ScreeningObject *o, void *input, uint8_t *output, uint32_
   if (width == 0) return 0;
   switch (o->mode) {
     case ZT_SCREEN_STOCHASTIC:
-    case ZT_SCREEN_STOCHASTIC_B: return screen_error_diffusion(o, input, output, width, y);
-    case ZT_SCREEN_PATTERN: return screen_pattern(o, input, output, width, y);
-    default: return screen_threshold(o, input, output, width, y);
+    case ZT_SCREEN_STOCHASTIC_B:
+      return screen_error_diffusion(o, input, output, width, y);
+    case ZT_SCREEN_PATTERN:
+      return screen_pattern(o, input, output, width, y);
+    default:
+      return screen_threshold(o, input, output, width, y);
   }
 }
 
@@ -65,11 +68,13 @@ int32_t build_tables(ScreeningObject *o, const ScreeningSettings *s) {
       const double pos = i * (n - 1) / top;
       const uint32_t k = pos >= n - 1 ? n - 2 : static_cast<uint32_t>(pos);
       const double f = pos - k;
-      const double v = (s->linearisation[k] + (s->linearisation[k + 1] - s->linearisation[k]) * f) / 65535.0 * top;
+      const double v =
+          (s->linearisation[k] + (s->linearisation[k + 1] - s->linearisation[k]) * f) / 65535.0 * top;
       o->channelLinearisation[i] = static_cast<uint16_t>(std::floor(v + 0.5));
     }
   }
-  if (!(s->inkLimit >= 0.0 && s->inkLimit <= 100.0) || (o->channelInkLimit = identity_table(size)) == nullptr) {
+  if (!(s->inkLimit >= 0.0 && s->inkLimit <= 100.0) ||
+      (o->channelInkLimit = identity_table(size)) == nullptr) {
     ZT_LOG(kModule, kCreate, "Cannot create channel ink limiting lut");
     return -1;
   }
@@ -102,7 +107,8 @@ int32_t build_tables(ScreeningObject *o, const ScreeningSettings *s) {
   return 0;
 }
 
-ScreeningObject *allocate(uint32_t mode, uint32_t width, uint32_t input_bits, uint32_t planes, uint32_t levels) {
+ScreeningObject *allocate(uint32_t mode, uint32_t width, uint32_t input_bits, uint32_t planes,
+                          uint32_t levels) {
   // Sixteen planes of a 2^31-pixel line would not fit the 32-bit byte count.
   if (static_cast<uint64_t>(planes) * ((width + 7ull) / 8) > 0xFFFFFFFFull) {
     ZT_LOG(kModule, kCreate, "Bad scanline width %u", width);
@@ -145,7 +151,8 @@ int32_t build_matrix_mode(ScreeningObject *o, const ScreeningSettings *s) {
       w = h = 4;
       break;
     case ZT_SCREEN_HALFTONE_RATIONAL:
-      if (SuperCellCreate_rational(s, &o->matrix, &w, &h, &o->effectiveLpi, &o->effectiveAngle) != 0) return -1;
+      if (SuperCellCreate_rational(s, &o->matrix, &w, &h, &o->effectiveLpi, &o->effectiveAngle) != 0)
+        return -1;
       break;
     case ZT_SCREEN_HALFTONE_SUPERCELL:
       if (SuperCellCreate(s, &o->matrix, &w, &h, &o->effectiveLpi, &o->effectiveAngle) != 0) return -1;
@@ -157,7 +164,8 @@ int32_t build_matrix_mode(ScreeningObject *o, const ScreeningSettings *s) {
     case ZT_SCREEN_VRFS:
       if (load_vrfs(s, &o->matrix, &w, &h) != 0) return -1;
       break;
-    default: return -1;
+    default:
+      return -1;
   }
   o->cellWidth = w;
   o->cellHeight = h;
@@ -193,7 +201,8 @@ ScreeningObject *create(const ScreeningSettings *s, uint32_t width, uint32_t inp
     case ZT_SCREEN_STOCHASTIC:
     case ZT_SCREEN_STOCHASTIC_B:
     case ZT_SCREEN_VRFS:
-    case ZT_SCREEN_ORDERED_4X4: break;
+    case ZT_SCREEN_ORDERED_4X4:
+      break;
     case ZT_SCREEN_PATTERN:
       if (input_bits != 8) {
         ZT_LOG(kModule, kCreate,
@@ -210,7 +219,9 @@ ScreeningObject *create(const ScreeningSettings *s, uint32_t width, uint32_t inp
     case 7:
       ZT_LOG(kModule, kCreate, "Screening mode 7 is not supported, use mode 2 or 3");
       return nullptr;
-    default: ZT_LOG(kModule, kCreate, "Uknown screening mode requested"); return nullptr;
+    default:
+      ZT_LOG(kModule, kCreate, "Uknown screening mode requested");
+      return nullptr;
   }
   if (s->levels > 256 && s->mode != ZT_SCREEN_STOCHASTIC && s->mode != ZT_SCREEN_STOCHASTIC_B) {
     ZT_LOG(kModule, kCreate, "Unsupported number of levels %d and bpp %d", static_cast<int>(s->levels),
@@ -219,7 +230,8 @@ ScreeningObject *create(const ScreeningSettings *s, uint32_t width, uint32_t inp
   }
   ObjectPtr o(allocate(s->mode, width, input_bits, planes, s->levels));
   if (o == nullptr) return nullptr;
-  if (GeneratePixelThresholdsAndDensities(s, s->levels, &o->thresholds, &o->densities, &o->dotCodes, input_bits) != 0)
+  if (GeneratePixelThresholdsAndDensities(s, s->levels, &o->thresholds, &o->densities, &o->dotCodes,
+                                          input_bits) != 0)
     return nullptr;
   if (build_tables(o.get(), s) != 0) return nullptr;
   if (s->mode == ZT_SCREEN_STOCHASTIC || s->mode == ZT_SCREEN_STOCHASTIC_B) {
@@ -257,7 +269,8 @@ using namespace zt::screening;
 
 extern "C" {
 
-ZT_API ScreeningObject *CreateScreeningObject(const ScreeningSettings *settings, uint32_t width, uint32_t inputBits) {
+ZT_API ScreeningObject *CreateScreeningObject(const ScreeningSettings *settings, uint32_t width,
+                                              uint32_t inputBits) {
   return zt::api_guard<ScreeningObject *>(kModule, kCreate, nullptr,
                                           [&] { return create(settings, width, inputBits); });
 }
@@ -301,6 +314,7 @@ ZT_API void DestroyScreeningObject(ScreeningObject *object) {
   std::free(object->levelBase);
   std::free(object->levelFraction);
   std::free(object->matrixRows);
+  std::free(object->levelRows);
   for (uint8_t *tile : object->ditherScreens) std::free(tile);
   std::free(object);
 }
@@ -320,16 +334,23 @@ ZT_API int32_t screeningScreenChannelLines(ScreeningObject **objects, uint32_t c
         ZT_LOG(kModule, function, "Cannot screen %u channels", channels);
         return -1;
       }
-      jobs[c] = ChannelJob{objects[c], static_cast<uint8_t *>(inputs[c]), inputStride, outputs[c], outputStride,
-                           width, y, lines, -1};
+      jobs[c] = ChannelJob{objects[c],
+                           static_cast<uint8_t *>(inputs[c]),
+                           inputStride,
+                           outputs[c],
+                           outputStride,
+                           width,
+                           y,
+                           lines,
+                           -1};
     }
     ZT_TaskQueue *queue = pthread_taskq_get_default();
     ZT_TaskCompletion completion;
     if (queue == nullptr || channels == 1 || pthread_taskq_completion_init(&completion) != 0) {
       for (uint32_t c = 0; c < channels; ++c) run_channel(&jobs[c]);
     } else {
-      const int32_t queued = pthread_taskq_enqueue_multiple_and_wait(queue, &completion, channels, run_channel,
-                                                                     jobs.get(), sizeof(ChannelJob));
+      const int32_t queued = pthread_taskq_enqueue_multiple_and_wait(
+          queue, &completion, channels, run_channel, jobs.get(), sizeof(ChannelJob));
       pthread_taskq_completion_destroy(&completion);
       if (queued != 0) return -1;
     }
@@ -339,8 +360,8 @@ ZT_API int32_t screeningScreenChannelLines(ScreeningObject **objects, uint32_t c
   });
 }
 
-ZT_API int32_t screeningScreenChannels(ScreeningObject **objects, uint32_t channels, void **inputs, uint8_t **outputs,
-                                       uint32_t width, uint32_t y) {
+ZT_API int32_t screeningScreenChannels(ScreeningObject **objects, uint32_t channels, void **inputs,
+                                       uint8_t **outputs, uint32_t width, uint32_t y) {
   return screeningScreenChannelLines(objects, channels, inputs, 0, outputs, 0, width, y, 1);
 }
 

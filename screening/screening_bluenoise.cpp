@@ -54,7 +54,8 @@ Filter make_filter(double aspect) {
 
 class VoidAndCluster {
  public:
-  explicit VoidAndCluster(double aspect) : filter_(make_filter(aspect)), energy_(kArea, 0.0), dots_(kArea, 0) {}
+  explicit VoidAndCluster(double aspect)
+      : filter_(make_filter(aspect)), energy_(kArea, 0.0), dots_(kArea, 0) {}
 
   void build(uint32_t *ranks) {
     // A fixed generator: the mask is part of the product's look, the same in
@@ -180,9 +181,11 @@ int32_t build_pattern_tiles(ScreeningObject *object, const ScreeningSettings *se
   uint8_t *mask = nullptr;
   uint32_t side = 0;
   if (blue_noise_matrix(settings, &mask, &side) != 0) return -1;
-  std::unique_ptr<uint8_t, decltype(&std::free)> hold(mask, &std::free);
+  // The object keeps the mask: screening compares with it directly.
+  object->matrix = mask;
   const uint32_t stride = (side + 7) / 8;
   object->cellWidth = object->cellHeight = side;
+  if (build_matrix_rows(object) != 0) return -1;
   object->patternStride = stride;
   // Tile v prints where v exceeds the mask: every dot of v is in v + 1, so a
   // gradient never reshuffles its texture.

@@ -29,7 +29,7 @@ struct Cell {
 };
 
 struct Geometry {
-  uint32_t base = 600;  // the lower resolution: the lattice's unit
+  uint32_t base = 600;      // the lower resolution: the lattice's unit
   uint32_t sx = 1, sy = 1;  // device pixels a base pixel across and down
 };
 
@@ -55,7 +55,9 @@ double cell_lpi(const Cell &c, uint32_t base) {
   return base * static_cast<double>(c.r) / std::sqrt(static_cast<double>(c.m * c.m + c.n * c.n));
 }
 
-double cell_angle(const Cell &c) { return std::atan2(static_cast<double>(c.n), static_cast<double>(c.m)) * 180.0 / kPi; }
+double cell_angle(const Cell &c) {
+  return std::atan2(static_cast<double>(c.n), static_cast<double>(c.m)) * 180.0 / kPi;
+}
 
 double angle_error(double a, double b) {
   double d = std::fmod(std::fabs(a - b), 360.0);
@@ -142,8 +144,10 @@ int32_t render_cell(const Cell &c, const Geometry &g, uint32_t shape, uint8_t **
       value[y * tw + x] = screeningSpotValue(shape, 2.0 * fu - 1.0, 2.0 * fv - 1.0);
       // Pixels at the same place in different dots tie; the dots then take
       // turns in a dispersed (Bayer) order instead of in scan order.
-      const int64_t du = static_cast<int64_t>(std::floor(u)) % c.r, dv = static_cast<int64_t>(std::floor(v)) % c.r;
-      dot_order[y * tw + x] = bayer(static_cast<uint32_t>((du + c.r) % c.r), static_cast<uint32_t>((dv + c.r) % c.r));
+      const int64_t du = static_cast<int64_t>(std::floor(u)) % c.r,
+                    dv = static_cast<int64_t>(std::floor(v)) % c.r;
+      dot_order[y * tw + x] =
+          bayer(static_cast<uint32_t>((du + c.r) % c.r), static_cast<uint32_t>((dv + c.r) % c.r));
     }
   }
   std::iota(order.begin(), order.end(), 0u);
@@ -187,7 +191,8 @@ void entries_from_ranks(const uint32_t *ranks, size_t area, uint8_t *matrix) {
   // count[v] = round(v * area / 255) pixels print at tone v; the entry of a
   // rank is the largest v that leaves it blank.
   size_t count[256];
-  for (uint32_t v = 0; v < 256; ++v) count[v] = static_cast<size_t>(std::floor(v * static_cast<double>(area) / 255.0 + 0.5));
+  for (uint32_t v = 0; v < 256; ++v)
+    count[v] = static_cast<size_t>(std::floor(v * static_cast<double>(area) / 255.0 + 0.5));
   std::vector<uint8_t> entry_of_rank(area);
   uint32_t v = 0;
   for (size_t r = 0; r < area; ++r) {
@@ -216,15 +221,20 @@ extern "C" {
 ZT_API double screeningSpotValue(uint32_t shape, double x, double y) {
   const double ax = std::fabs(x), ay = std::fabs(y), s = ax + ay;
   switch (shape) {
-    case 0: return 1.0 - x * x - y * y;
-    case 1: return x * x + y * y - 1.0;
-    case 2: return 1.0 - x * x - 0.7 * y * y;
-    case 3: return x * x + 0.7 * y * y - 1.0;
+    case 0:
+      return 1.0 - x * x - y * y;
+    case 1:
+      return x * x + y * y - 1.0;
+    case 2:
+      return 1.0 - x * x - 0.7 * y * y;
+    case 3:
+      return x * x + 0.7 * y * y - 1.0;
     case 4:
       if (s < 0.75) return 1.0 - ax * ax - ay * ay;
       if (s >= 1.25) return (ax - 1.0) * (ax - 1.0) + (ay - 1.0) * (ay - 1.0) - 1.0;
       return 1.0 - 0.85 * ax - ay;
-    case 6: return 1.0 - ay;
+    case 6:
+      return 1.0 - ay;
     default:
       if (s <= 1.0) return 1.0 - ax * ax - ay * ay;
       return (ax - 1.0) * (ax - 1.0) + (ay - 1.0) * (ay - 1.0) - 1.0;
@@ -249,8 +259,8 @@ ZT_API int32_t SuperCellCreate_rational(const ScreeningSettings *settings, uint8
   });
 }
 
-ZT_API int32_t SuperCellCreate(const ScreeningSettings *settings, uint8_t **matrix, uint32_t *width, uint32_t *height,
-                               double *effectiveLpi, double *effectiveAngle) {
+ZT_API int32_t SuperCellCreate(const ScreeningSettings *settings, uint8_t **matrix, uint32_t *width,
+                               uint32_t *height, double *effectiveLpi, double *effectiveAngle) {
   const char *function = "SuperCellCreate";
   return zt::api_guard<int32_t>(kModule, function, -1, [&]() -> int32_t {
     if (!check_settings(settings, matrix, width, height, function)) return -1;

@@ -59,15 +59,19 @@ inline void write_code(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, 
   }
 }
 
-template <typename T, int Planes, bool Modulated>
+// Top: the top level when it is fixed at compile time (1 or 3, unmodulated),
+// 0 for any level count and an optional modulation matrix.
+template <typename T, int Planes, int Top>
 void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
+  constexpr bool Modulated = Top == 0;
   int32_t *cur = o->errorRowA + 4;
   int32_t *next = o->errorRowB + 4;
   const uint16_t *thr = o->thresholds;
   const uint16_t *den = o->densities;
   const uint16_t *codes = o->dotCodes;
   const uint32_t top = o->levels - 1;
-  const int16_t *mod = o->modulation != nullptr ? o->modulation + (y % o->cellHeight) * o->cellWidth : nullptr;
+  const int16_t *mod =
+      Modulated && o->modulation != nullptr ? o->modulation + (y % o->cellHeight) * o->cellWidth : nullptr;
   const uint32_t cw = o->cellWidth;
   const int32_t *w = o->weightCursor;
   const int32_t *const w_start = o->weightTable;
@@ -81,16 +85,42 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   next[x] = 0;
   next[x - dir] = 0;
   int32_t carry = 0;
+  // Small level counts keep thresholds, densities and codes in registers and
+  // pick the level by counting the thresholds passed (they rise strictly, so
+  // that is the walk down from the top): the carry's chain from one pixel to
+  // the next then holds no table load.
+  int32_t t[4] = {0, 0, 0, 0}, d[4] = {0, 0, 0, 0};
+  uint32_t c[4] = {0, 0, 0, 0};
+  if (Top > 0)
+    for (int k = 0; k <= Top; ++k) {
+      t[k] = thr[k];
+      d[k] = den[k];
+      c[k] = k == 0 ? 0u : codes[k];
+    }
   for (uint32_t i = 0; i < width; ++i, x += dir) {
-    next[x + dir] = 0;
     const int32_t sample = in[x];
-    if (sample == 0) continue;
-    const int32_t value = sample + static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
-    if (value == 0) continue;
-    const int32_t m = Modulated ? mod[static_cast<size_t>(x) % cw] : 0;
-    const uint32_t level = top == 1 ? (value > thr[1] + m ? 1u : 0u) : pick_level(value, m, thr, top);
-    const int32_t e = value - den[level];
-    write_code<Planes>(out, bpp, planes, x, codes[level] & (level != 0 ? 0xFFFFu : 0u));
+    int32_t e = 0;
+    if (sample != 0) {
+      const int32_t value = sample + static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
+      if (value != 0) {
+        if constexpr (Top == 1) {
+          const bool dot = value > t[1];
+          e = value - (dot ? d[1] : d[0]);
+          write_code<Planes>(out, bpp, planes, x, dot ? c[1] : 0u);
+        } else if constexpr (Top == 3) {
+          const int level = (value > t[1] ? 1 : 0) + (value > t[2] ? 1 : 0) + (value > t[3] ? 1 : 0);
+          e = value - d[level];
+          write_code<Planes>(out, bpp, planes, x, c[level]);
+        } else {
+          const int32_t m = Modulated && mod != nullptr ? mod[static_cast<size_t>(x) % cw] : 0;
+          const uint32_t level = pick_level(value, m, thr, top);
+          e = value - den[level];
+          write_code<Planes>(out, bpp, planes, x, level != 0 ? codes[level] : 0u);
+        }
+      }
+    }
+    // The entry ahead is cleared before each pixel and set when the pixel
+    // spreads error: one store either way.
     if (e != 0) {
       next[x - dir] += w[0] * e;
       next[x + dir] = w[1] * e;
@@ -98,6 +128,8 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
       carry = w[2] * e;
       w += 4;
       if (w == w_end) w = w_start;
+    } else {
+      next[x + dir] = 0;
     }
   }
   o->weightCursor = const_cast<int32_t *>(w);
@@ -107,29 +139,45 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   o->serpentine = o->serpentine != 0 ? 0u : 1u;
 }
 
-template <typename T, bool Modulated>
+template <typename T, int Top>
 void diffuse_planes(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
   if (o->byteOutput != 0) {
-    diffuse_line<T, -1, Modulated>(o, in, out, width, y);
+    diffuse_line<T, -1, 0>(o, in, out, width, y);
     return;
   }
   switch (o->outputPlanes) {
-    case 1: diffuse_line<T, 1, Modulated>(o, in, out, width, y); break;
-    case 2: diffuse_line<T, 2, Modulated>(o, in, out, width, y); break;
-    case 3: diffuse_line<T, 3, Modulated>(o, in, out, width, y); break;
-    case 4: diffuse_line<T, 4, Modulated>(o, in, out, width, y); break;
-    case 5: diffuse_line<T, 5, Modulated>(o, in, out, width, y); break;
-    case 6: diffuse_line<T, 6, Modulated>(o, in, out, width, y); break;
-    default: diffuse_line<T, 0, Modulated>(o, in, out, width, y); break;
+    case 1:
+      diffuse_line<T, 1, Top>(o, in, out, width, y);
+      break;
+    case 2:
+      diffuse_line<T, 2, Top>(o, in, out, width, y);
+      break;
+    case 3:
+      diffuse_line<T, 3, Top>(o, in, out, width, y);
+      break;
+    case 4:
+      diffuse_line<T, 4, Top>(o, in, out, width, y);
+      break;
+    case 5:
+      diffuse_line<T, 5, Top>(o, in, out, width, y);
+      break;
+    case 6:
+      diffuse_line<T, 6, Top>(o, in, out, width, y);
+      break;
+    default:
+      diffuse_line<T, 0, Top>(o, in, out, width, y);
+      break;
   }
 }
 
 template <typename T>
 void diffuse_dispatch(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
-  if (o->modulation != nullptr)
-    diffuse_planes<T, true>(o, in, out, width, y);
+  if (o->modulation == nullptr && o->levels == 2)
+    diffuse_planes<T, 1>(o, in, out, width, y);
+  else if (o->modulation == nullptr && o->levels == 4)
+    diffuse_planes<T, 3>(o, in, out, width, y);
   else
-    diffuse_planes<T, false>(o, in, out, width, y);
+    diffuse_planes<T, 0>(o, in, out, width, y);
 }
 
 }  // namespace
@@ -195,7 +243,8 @@ void release_stochastic_structs(ScreeningObject *object) {
   object->cached = 0;
 }
 
-int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
+int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width,
+                               uint32_t y) {
   apply_input_lut(object, input, width);
   std::memset(output, 0, object->outputBytes);
   if (object->inputBits == 16)

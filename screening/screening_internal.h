@@ -24,7 +24,8 @@ int32_t create_stochastic_structs(ScreeningObject *object);
 void release_stochastic_structs(ScreeningObject *object);
 // Draws a fresh table into `table` (kWeightEntries entries).
 void fill_weight_table(int32_t *table);
-int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
+int32_t screen_error_diffusion(ScreeningObject *object, void *input, uint8_t *output, uint32_t width,
+                               uint32_t y);
 
 // The cache: looks a table up by key (taking a reference), or hands one over.
 // Both under the cache's lock. add_table returns true when the cache took the

@@ -48,8 +48,8 @@ void clear_outputs(uint16_t **t, uint16_t **d, uint16_t **c) {
 }
 
 // Checks shared by every profile variant; logs under `function`.
-bool profile_usable(const ScreeningSettings *settings, uint32_t levels, uint16_t **t, uint16_t **d, uint16_t **c,
-                    const char *function) {
+bool profile_usable(const ScreeningSettings *settings, uint32_t levels, uint16_t **t, uint16_t **d,
+                    uint16_t **c, const char *function) {
   if (settings == nullptr || t == nullptr || d == nullptr || c == nullptr) {
     ZT_LOG(kModule, function, "Cannot create variable dot screening arrays");
     return false;
@@ -61,7 +61,8 @@ bool profile_usable(const ScreeningSettings *settings, uint32_t levels, uint16_t
   }
   for (uint32_t i = 0; i < levels; ++i) {
     if (settings->drops[i].dotCode > 0xFFFF)
-      ZT_LOG(kModule, function, "warning: Paper profile cotains a dot size of %d, which does not fit into 16 bits",
+      ZT_LOG(kModule, function,
+             "warning: Paper profile cotains a dot size of %d, which does not fit into 16 bits",
              static_cast<int>(settings->drops[i].dotCode));
   }
   return true;
@@ -69,8 +70,8 @@ bool profile_usable(const ScreeningSettings *settings, uint32_t levels, uint16_t
 
 // Steps 3 to 6 shared by the variants: `percent[i]` is each drop's dot
 // percentage. Fills the arrays and checks that they rise strictly.
-int32_t finish_profile(const ScreeningSettings *settings, uint32_t levels, const double *percent, uint16_t **t,
-                       uint16_t **d, uint16_t **c, uint32_t bits, const char *function) {
+int32_t finish_profile(const ScreeningSettings *settings, uint32_t levels, const double *percent,
+                       uint16_t **t, uint16_t **d, uint16_t **c, uint32_t bits, const char *function) {
   LevelArrays arrays;
   if (!arrays.allocate(levels)) {
     ZT_LOG(kModule, function, "Cannot allocate memory for thresholds");
@@ -91,12 +92,14 @@ int32_t finish_profile(const ScreeningSettings *settings, uint32_t levels, const
   bool rising = true;
   for (uint32_t i = 0; i < levels; ++i) {
     if (!std::isfinite(percent[i])) rising = false;
-    if (i > 0 && (arrays.densities[i] <= arrays.densities[i - 1] || arrays.thresholds[i] <= arrays.thresholds[i - 1]))
+    if (i > 0 &&
+        (arrays.densities[i] <= arrays.densities[i - 1] || arrays.thresholds[i] <= arrays.thresholds[i - 1]))
       rising = false;
   }
   if (!rising) {
     ZT_LOG(kModule, function,
-           "Inconsistent data in paperprofile, some pixels are lighter or the same density. Please fix and try again");
+           "Inconsistent data in paperprofile, some pixels are lighter or the same density. Please fix and "
+           "try again");
     return -1;
   }
   arrays.hand_over(t, d, c);
@@ -121,11 +124,18 @@ int32_t from_lab(const ScreeningSettings *settings, uint32_t levels, uint16_t **
   int32_t selector = ZT_REFLECTANCE_AUTO;
   if (v2) {
     switch (settings->separationType) {
-      case 11: selector = ZT_REFLECTANCE_X; break;
+      case 11:
+        selector = ZT_REFLECTANCE_X;
+        break;
       case 12:
-      case 14: selector = ZT_REFLECTANCE_Y; break;
-      case 13: selector = ZT_REFLECTANCE_Z; break;
-      default: break;
+      case 14:
+        selector = ZT_REFLECTANCE_Y;
+        break;
+      case 13:
+        selector = ZT_REFLECTANCE_Z;
+        break;
+      default:
+        break;
     }
   }
   getXYZChannelToUseAsReflectance(x, y, z, levels, selector, r);
@@ -140,7 +150,8 @@ int32_t from_lab(const ScreeningSettings *settings, uint32_t levels, uint16_t **
   } else {
     const double n = settings->yuleNielsen > 0.0 ? settings->yuleNielsen : 1.0;
     const double d_min = -std::log10(r_max), d_max = -std::log10(r_min);
-    for (uint32_t i = 0; i < levels; ++i) percent[i] = dotPercentFromDensity(-std::log10(r[i]), d_min, d_max, n);
+    for (uint32_t i = 0; i < levels; ++i)
+      percent[i] = dotPercentFromDensity(-std::log10(r[i]), d_min, d_max, n);
   }
   return finish_profile(settings, levels, percent, t, d, c, bits, function);
 }
@@ -154,8 +165,8 @@ extern "C" {
 
 ZT_API int32_t GeneratePixelThresholds(uint32_t levels, uint16_t *thresholds, uint32_t bits) {
   if (thresholds == nullptr || levels < 2) {
-    ZT_LOG(kModule, "GeneratePixelThresholds", "Unsupported number of levels %d and bpp %d", static_cast<int>(levels),
-           static_cast<int>(bits));
+    ZT_LOG(kModule, "GeneratePixelThresholds", "Unsupported number of levels %d and bpp %d",
+           static_cast<int>(levels), static_cast<int>(bits));
     return -1;
   }
   const double s = full_scale(bits) / (levels - 1);
@@ -166,8 +177,8 @@ ZT_API int32_t GeneratePixelThresholds(uint32_t levels, uint16_t *thresholds, ui
 
 ZT_API int32_t GeneratePixelDensities(uint32_t levels, uint16_t *densities, uint32_t bits) {
   if (densities == nullptr || levels < 2) {
-    ZT_LOG(kModule, "GeneratePixelDensities", "Unsupported number of levels %d and bpp %d", static_cast<int>(levels),
-           static_cast<int>(bits));
+    ZT_LOG(kModule, "GeneratePixelDensities", "Unsupported number of levels %d and bpp %d",
+           static_cast<int>(levels), static_cast<int>(bits));
     return -1;
   }
   const double s = full_scale(bits) / (levels - 1);
@@ -177,25 +188,28 @@ ZT_API int32_t GeneratePixelDensities(uint32_t levels, uint16_t *densities, uint
 
 ZT_API int32_t GeneratePixelDotsizes(uint32_t levels, uint16_t *dotCodes) {
   if (dotCodes == nullptr || levels < 2) {
-    ZT_LOG(kModule, "GeneratePixelDotsizes", "Unsupported number of levels %d and bpp %d", static_cast<int>(levels), 0);
+    ZT_LOG(kModule, "GeneratePixelDotsizes", "Unsupported number of levels %d and bpp %d",
+           static_cast<int>(levels), 0);
     return -1;
   }
   for (uint32_t i = 0; i < levels; ++i) dotCodes[i] = static_cast<uint16_t>(i);
   return 0;
 }
 
-ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV1(const ScreeningSettings *settings, uint32_t levels,
-                                                            uint16_t **thresholds, uint16_t **densities,
-                                                            uint16_t **dotCodes, uint32_t bits) {
+ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV1(const ScreeningSettings *settings,
+                                                            uint32_t levels, uint16_t **thresholds,
+                                                            uint16_t **densities, uint16_t **dotCodes,
+                                                            uint32_t bits) {
   return zt::api_guard<int32_t>(kModule, "GeneratePixelThresholdsAndDensitiesFromLabV1", -1, [&] {
     return from_lab(settings, levels, thresholds, densities, dotCodes, bits, false,
                     "GeneratePixelThresholdsAndDensitiesFromLabV1");
   });
 }
 
-ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV2(const ScreeningSettings *settings, uint32_t levels,
-                                                            uint16_t **thresholds, uint16_t **densities,
-                                                            uint16_t **dotCodes, uint32_t bits) {
+ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV2(const ScreeningSettings *settings,
+                                                            uint32_t levels, uint16_t **thresholds,
+                                                            uint16_t **densities, uint16_t **dotCodes,
+                                                            uint32_t bits) {
   return zt::api_guard<int32_t>(kModule, "GeneratePixelThresholdsAndDensitiesFromLabV2", -1, [&] {
     return from_lab(settings, levels, thresholds, densities, dotCodes, bits, true,
                     "GeneratePixelThresholdsAndDensitiesFromLabV2");
@@ -205,9 +219,10 @@ ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV2(const ScreeningSetti
 // Measured densities, paper first: the same Yule-Nielsen rule as V1, with the
 // lightest and darkest drop as the two ends. The drops must already be in
 // order of density; a profile saved out of order is refused.
-ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSettings *settings, uint32_t levels,
-                                                              uint16_t **thresholds, uint16_t **densities,
-                                                              uint16_t **dotCodes, uint32_t bits) {
+ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSettings *settings,
+                                                              uint32_t levels, uint16_t **thresholds,
+                                                              uint16_t **densities, uint16_t **dotCodes,
+                                                              uint32_t bits) {
   const char *function = "GeneratePixelThresholdsAndDensitiesFromDensity";
   return zt::api_guard<int32_t>(kModule, function, -1, [&]() -> int32_t {
     clear_outputs(thresholds, densities, dotCodes);
@@ -219,7 +234,8 @@ ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSet
     }
     for (uint32_t i = 1; i < levels; ++i) {
       if (!(settings->drops[i].density >= settings->drops[i - 1].density)) {
-        ZT_LOG(kModule, function, "Dots must be ordered by density in the paperprofile, please resave and try again");
+        ZT_LOG(kModule, function,
+               "Dots must be ordered by density in the paperprofile, please resave and try again");
         return -1;
       }
     }
@@ -233,14 +249,17 @@ ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSet
 }
 
 ZT_API int32_t GeneratePixelThresholdsAndDensities(const ScreeningSettings *settings, uint32_t levels,
-                                                   uint16_t **thresholds, uint16_t **densities, uint16_t **dotCodes,
-                                                   uint32_t bits) {
+                                                   uint16_t **thresholds, uint16_t **densities,
+                                                   uint16_t **dotCodes, uint32_t bits) {
   if (settings != nullptr && settings->levelSource == ZT_LEVELS_LAB_V1)
-    return GeneratePixelThresholdsAndDensitiesFromLabV1(settings, levels, thresholds, densities, dotCodes, bits);
+    return GeneratePixelThresholdsAndDensitiesFromLabV1(settings, levels, thresholds, densities, dotCodes,
+                                                        bits);
   if (settings != nullptr && settings->levelSource == ZT_LEVELS_LAB_V2)
-    return GeneratePixelThresholdsAndDensitiesFromLabV2(settings, levels, thresholds, densities, dotCodes, bits);
+    return GeneratePixelThresholdsAndDensitiesFromLabV2(settings, levels, thresholds, densities, dotCodes,
+                                                        bits);
   if (settings != nullptr && settings->levelSource == ZT_LEVELS_DENSITY)
-    return GeneratePixelThresholdsAndDensitiesFromDensity(settings, levels, thresholds, densities, dotCodes, bits);
+    return GeneratePixelThresholdsAndDensitiesFromDensity(settings, levels, thresholds, densities, dotCodes,
+                                                          bits);
   return zt::api_guard<int32_t>(kModule, "GeneratePixelThresholdsAndDensities", -1, [&]() -> int32_t {
     clear_outputs(thresholds, densities, dotCodes);
     if (thresholds == nullptr || densities == nullptr || dotCodes == nullptr) {
@@ -260,8 +279,8 @@ ZT_API int32_t GeneratePixelThresholdsAndDensities(const ScreeningSettings *sett
   });
 }
 
-ZT_API int32_t getXYZChannelToUseAsReflectance(const double *x, const double *y, const double *z, uint32_t count,
-                                               int32_t selector, double *out) {
+ZT_API int32_t getXYZChannelToUseAsReflectance(const double *x, const double *y, const double *z,
+                                               uint32_t count, int32_t selector, double *out) {
   if (x == nullptr || y == nullptr || z == nullptr || out == nullptr || count == 0) {
     ZT_LOG(kModule, "getXYZChannelToUseAsReflectance", "Cannot create variable dot screening arrays");
     return -1;

@@ -83,7 +83,8 @@ void threshold_two(const ScreeningObject *o, const uint8_t *in, uint8_t *out, ui
 }
 
 // Codes of eight pixels (pixel 0 first) into one byte of each plane.
-inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, size_t at, const uint32_t *codes8) {
+inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, size_t at,
+                        const uint32_t *codes8) {
   for (uint32_t k = 0; k < planes; ++k) {
     uint32_t byte = 0;
     for (uint32_t b = 0; b < 8; ++b) byte = (byte << 1) | ((codes8[b] >> k) & 1u);
@@ -124,32 +125,44 @@ void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, 
   }
 }
 
-void pattern_span(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n, uint32_t ty) {
-  const uint32_t cw = o->cellWidth;
-  const uint32_t code = o->dotCodes[1];
-  const size_t row_offset = static_cast<size_t>(ty) * o->patternStride;
+// Multi-level, sixteen pixels a step: level >= k exactly where the value
+// exceeds the level-k row of levelRows, so each level is one comparison and
+// each plane the union of the levels whose code sets it.
+void threshold_levels(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n,
+                      uint32_t ty) {
+  const uint32_t cw = o->cellWidth, top = o->levels - 1, planes = o->outputPlanes, bpp = o->bytesPerPlane;
+  const size_t stride = static_cast<size_t>(cw) + 16, level_size = stride * o->cellHeight;
+  const uint8_t *rows = o->levelRows + static_cast<size_t>(ty) * stride;
+  const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
   uint32_t mx = x0 % cw;
   uint32_t i = 0;
-  // Tiles are as wide as the mask, a multiple of 8: eight pixels from one
-  // aligned tile byte each, when the span starts on an output byte.
-  if ((x0 & 7) == 0 && (cw & 7) == 0 && (mx & 7) == 0) {
-    for (; i + 8 <= n; i += 8) {
-      uint32_t byte = 0;
-      const size_t at = row_offset + (mx >> 3);
-      for (uint32_t b = 0; b < 8; ++b) {
-        const uint8_t *tile = o->ditherScreens[in[i + b]];
-        const uint32_t tile_byte = tile != nullptr ? tile[at] : 0u;
-        byte |= tile_byte & (0x80u >> b);
+  uint32_t ge[18];
+  if ((x0 & 7) == 0) {
+    for (; i + 16 <= n; i += 16) {
+      const __m128i v = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i)), bias);
+      ge[0] = 0xFFFF;
+      for (uint32_t k = 1; k <= top; ++k) {
+        const uint8_t *g = rows + (k - 1) * level_size + mx;
+        const __m128i t = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(g)), bias);
+        ge[k] = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(v, t)));
       }
-      store_byte(out, o->bytesPerPlane, o->outputPlanes, code, (x0 + i) >> 3, byte);
-      mx += 8;
-      if (mx >= cw) mx -= cw;
+      ge[top + 1] = 0;
+      const size_t at = (x0 + i) >> 3;
+      for (uint32_t p = 0; p < planes; ++p) {
+        uint32_t bits = 0;
+        for (uint32_t l = 1; l <= top; ++l)
+          if ((o->dotCodes[l] >> p) & 1u) bits |= ge[l] & ~ge[l + 1];
+        out[static_cast<size_t>(p) * bpp + at] |= kReversed.table[bits & 0xFF];
+        out[static_cast<size_t>(p) * bpp + at + 1] |= kReversed.table[bits >> 8];
+      }
+      mx += 16;
+      while (mx >= cw) mx -= cw;
     }
   }
   for (; i < n; ++i) {
-    const uint8_t *tile = o->ditherScreens[in[i]];
-    if (tile != nullptr && ((tile[row_offset + (mx >> 3)] >> (7 - (mx & 7))) & 1u) != 0)
-      write_code(out, o->bytesPerPlane, o->outputPlanes, x0 + i, code);
+    uint32_t level = 0;
+    while (level < top && in[i] > rows[level * level_size + mx]) ++level;
+    if (level != 0) write_code(out, bpp, planes, x0 + i, o->dotCodes[level]);
     if (++mx == cw) mx = 0;
   }
 }
@@ -201,6 +214,7 @@ int32_t build_matrix_rows(ScreeningObject *object) {
 
 int32_t build_level_tables(ScreeningObject *object) {
   if (object->levels <= 2) return 0;
+  // (The per-level rows come after the tables, below.)
   object->levelBase = static_cast<uint8_t *>(std::malloc(256));
   object->levelFraction = static_cast<uint8_t *>(std::malloc(256));
   if (object->levelBase == nullptr || object->levelFraction == nullptr) {
@@ -224,16 +238,38 @@ int32_t build_level_tables(ScreeningObject *object) {
     object->levelBase[v] = static_cast<uint8_t>(k);
     object->levelFraction[v] = static_cast<uint8_t>(std::floor(f * 255.0 + 0.5));
   }
+  if (top > 16 || object->matrixRows == nullptr) return 0;
+  // Row k - 1 holds, for each entry m, the largest value whose level stays
+  // below k; levels grow with the value, so "above it" is "level >= k".
+  const size_t stride = static_cast<size_t>(object->cellWidth) + 16, size = stride * object->cellHeight;
+  object->levelRows = static_cast<uint8_t *>(std::malloc(size * top));
+  if (object->levelRows == nullptr) {
+    ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
+    return -1;
+  }
+  for (size_t i = 0; i < size; ++i) {
+    const uint8_t m = object->matrixRows[i];
+    uint32_t v = 0;
+    for (uint32_t level = 1; level <= top; ++level) {
+      // Largest v with base + (fraction > m) < level; 255 when none reaches it.
+      while (v < 255 && object->levelBase[v + 1] + (object->levelFraction[v + 1] > m ? 1u : 0u) < level) ++v;
+      object->levelRows[(level - 1) * size + i] = static_cast<uint8_t>(v);
+    }
+  }
   return 0;
 }
 
 int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
   apply_input_lut(object, input, width);
   std::memset(output, 0, object->outputBytes);
-  const uint8_t *row = object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
+  const uint8_t *row =
+      object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
   const bool multi = object->levelBase != nullptr;
+  const uint32_t ty = y % object->cellHeight;
   over_bytes(object, input, width, [&](const uint8_t *in, uint32_t x0, uint32_t n) {
-    if (multi)
+    if (object->levelRows != nullptr)
+      threshold_levels(object, in, output, x0, n, ty);
+    else if (multi)
       threshold_multi(object, in, output, x0, n, row);
     else
       threshold_two(object, in, output, x0, n, row);
@@ -241,13 +277,11 @@ int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, 
   return 0;
 }
 
+// The tiles are nested cuts of the channel's mask (tile v holds the pixels
+// whose entry is below v), so comparing with the mask gives every tile's bit
+// at the speed of a threshold screen.
 int32_t screen_pattern(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y) {
-  apply_input_lut(object, input, width);
-  std::memset(output, 0, object->outputBytes);
-  const uint32_t ty = y % object->cellHeight;
-  over_bytes(object, input, width,
-             [&](const uint8_t *in, uint32_t x0, uint32_t n) { pattern_span(object, in, output, x0, n, ty); });
-  return 0;
+  return screen_threshold(object, input, output, width, y);
 }
 
 }  // namespace zt::screening

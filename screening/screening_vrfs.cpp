@@ -93,8 +93,8 @@ using namespace zt::screening;
 
 extern "C" {
 
-ZT_API int32_t screeningVRFSParse(const char *data, size_t size, const char *name, uint8_t **matrix, uint32_t *mx,
-                                  uint32_t *my) {
+ZT_API int32_t screeningVRFSParse(const char *data, size_t size, const char *name, uint8_t **matrix,
+                                  uint32_t *mx, uint32_t *my) {
   return zt::api_guard<int32_t>(kModule, kReader, -1, [&]() -> int32_t {
     if (name == nullptr) name = "(memory)";
     if (matrix == nullptr || mx == nullptr || my == nullptr || (data == nullptr && size != 0)) {

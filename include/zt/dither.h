@@ -35,15 +35,17 @@ ZT_API void ditherBuf24To8(DitherContext *context, uint8_t *out, const uint32_t 
  * object a channel for lines of `width` samples. ditherSetupImage accepts 16
  * bits in and 8 out only, else logs "%u bpp to %u bpp transformation not
  * implemented"; both give 0, or -1 (logged, nothing left attached). */
-ZT_API int32_t ditherSetupImage(DitherContext *context, uint32_t inputBits, uint32_t channels, uint32_t outputBits,
-                                uint32_t width);
+ZT_API int32_t ditherSetupImage(DitherContext *context, uint32_t inputBits, uint32_t channels,
+                                uint32_t outputBits, uint32_t width);
 ZT_API int32_t ditherSetupImage16to8(DitherContext *context, uint32_t width, uint32_t channels);
 /* Screens one image line: channel c's `width` samples at in + c * stride,
  * its bytes to out + c * stride; then raises lineNumber. 0, or -1 (logged)
  * for a context without channel objects. */
-ZT_API int32_t ditherImage16To8(DitherContext *context, uint8_t *out, uint16_t *in, uint32_t width, size_t stride);
-/* Releases what the context holds (the channel screening objects too); frees the context itself (allocated with
- * malloc) when freeContext is non-zero. Null is ignored. */
+ZT_API int32_t ditherImage16To8(DitherContext *context, uint8_t *out, uint16_t *in, uint32_t width,
+                                size_t stride);
+/* Releases what the context holds (the channel screening objects too);
+ * frees the context itself (allocated with malloc) when freeContext is
+ * non-zero. Null is ignored. */
 ZT_API void ditherCleanup(DitherContext *context, int32_t freeContext);
 /* A random value of triangular distribution on [low, high] peaking at mode. */
 ZT_API double TPDF(double low, double mode, double high);

@@ -17,6 +17,7 @@
  *   5   a threshold matrix read from "lib/screens/vrfs/<screenName>" below the
  *       installation root (layout below)
  *   9   pattern mode: 256 nested tiles cut from the mode-2 mask; 8-bit only
+ *       (screened by comparing with that mask, which gives the tiles' bits)
  *   11  the fixed 4 x 4 ordered cell (entries 238 102 204 68 / 34 170 0 136 /
  *       187 51 221 85 / 239 119 17 153; the 239 is the intended wrap)
  *   7   refused: "Screening mode 7 is not supported, use mode 2 or 3"
@@ -73,10 +74,10 @@ ZT_EXTERN_C_BEGIN
 #define ZT_SCREEN_FLAG_CMYK_SET 1 /* mode 8: the default CMYK set for `channel` */
 
 /* Where the levels come from (ScreeningSettings.levelSource). */
-#define ZT_LEVELS_EVEN 0         /* evenly spaced, no paper profile */
-#define ZT_LEVELS_LAB_V1 1       /* measured colour, density, Yule-Nielsen */
-#define ZT_LEVELS_LAB_V2 2       /* measured colour, reflectance less gain */
-#define ZT_LEVELS_DENSITY 3      /* measured density, Yule-Nielsen */
+#define ZT_LEVELS_EVEN 0    /* evenly spaced, no paper profile */
+#define ZT_LEVELS_LAB_V1 1  /* measured colour, density, Yule-Nielsen */
+#define ZT_LEVELS_LAB_V2 2  /* measured colour, reflectance less gain */
+#define ZT_LEVELS_DENSITY 3 /* measured density, Yule-Nielsen */
 
 /* Reflectance selectors of getXYZChannelToUseAsReflectance. */
 #define ZT_REFLECTANCE_AUTO 0 /* the column with the widest range of the drops */
@@ -95,27 +96,27 @@ typedef struct ScreeningDrop {
 /* How a channel is to be screened. Zero-filled means: mode 0 (refused), so
  * set at least mode, levels and outputBits. */
 typedef struct ScreeningSettings {
-  uint32_t mode;         /* ZT_SCREEN_* */
-  uint32_t levels;       /* levels including the empty pixel, 2 ... 1 << outputBits */
-  uint32_t outputBits;   /* output bit-planes a pixel, 1 ... 16 */
-  double linesPerInch;   /* halftone modes 1 and 8: must exceed 1.0 */
-  double angle;          /* halftone angle in degrees, counter-clockwise from x */
-  uint32_t spotShape;    /* 0 ... 6, see screeningSpotValue */
-  uint32_t resolutionX;  /* device dpi across; 0 is taken as 600 */
-  uint32_t resolutionY;  /* device dpi down; 0 is taken as resolutionX */
-  uint32_t flags;        /* ZT_SCREEN_FLAG_* */
-  uint32_t levelSource;  /* ZT_LEVELS_*: how thresholds and densities are made */
-  uint32_t dropCount;    /* drops in the profile; must equal levels when used */
-  const ScreeningDrop *drops; /* the profile's drops, lightest (paper) first */
-  double yuleNielsen;    /* the profile's Yule-Nielsen factor n (0 -> 1.0) */
-  int32_t bandType;      /* the channel's band type (1 C, 2 M, 3 Y, 4 K, ...) */
-  int32_t separationType; /* 11 X, 12/14 Y, 13 Z, other: automatic (LabV2) */
-  uint32_t linearisationPoints; /* samples in `linearisation`, 0 = identity */
+  uint32_t mode;                 /* ZT_SCREEN_* */
+  uint32_t levels;               /* levels including the empty pixel, 2 ... 1 << outputBits */
+  uint32_t outputBits;           /* output bit-planes a pixel, 1 ... 16 */
+  double linesPerInch;           /* halftone modes 1 and 8: must exceed 1.0 */
+  double angle;                  /* halftone angle in degrees, counter-clockwise from x */
+  uint32_t spotShape;            /* 0 ... 6, see screeningSpotValue */
+  uint32_t resolutionX;          /* device dpi across; 0 is taken as 600 */
+  uint32_t resolutionY;          /* device dpi down; 0 is taken as resolutionX */
+  uint32_t flags;                /* ZT_SCREEN_FLAG_* */
+  uint32_t levelSource;          /* ZT_LEVELS_*: how thresholds and densities are made */
+  uint32_t dropCount;            /* drops in the profile; must equal levels when used */
+  const ScreeningDrop *drops;    /* the profile's drops, lightest (paper) first */
+  double yuleNielsen;            /* the profile's Yule-Nielsen factor n (0 -> 1.0) */
+  int32_t bandType;              /* the channel's band type (1 C, 2 M, 3 Y, 4 K, ...) */
+  int32_t separationType;        /* 11 X, 12/14 Y, 13 Z, other: automatic (LabV2) */
+  uint32_t linearisationPoints;  /* samples in `linearisation`, 0 = identity */
   const uint16_t *linearisation; /* output tone 0 ... 65535 at evenly spaced inputs */
-  double inkLimit;       /* percent of full ink allowed; 0 or 100 = none */
-  uint32_t channel;      /* channel index: decorrelates stochastic masks */
-  uint32_t maxTileSide;  /* mode 8: largest matrix side; 0 = 1024 */
-  const char *screenName; /* mode 5: file name below lib/screens/vrfs */
+  double inkLimit;               /* percent of full ink allowed; 0 or 100 = none */
+  uint32_t channel;              /* channel index: decorrelates stochastic masks */
+  uint32_t maxTileSide;          /* mode 8: largest matrix side; 0 = 1024 */
+  const char *screenName;        /* mode 5: file name below lib/screens/vrfs */
 } ScreeningSettings;
 
 typedef struct ScreeningObject ScreeningObject;
@@ -136,14 +137,14 @@ struct ScreeningObject {
   ZTScreenScanlineFn screenScanline;
   uint32_t cellWidth;
   uint32_t cellHeight;
-  uint8_t *matrix;      /* cellWidth x cellHeight thresholds (threshold modes) */
-  int16_t *modulation;  /* error diffusion: null (no modulation) by default */
-  int32_t *errorRowA;   /* width + 8 entries; the row starts 4 entries in */
+  uint8_t *matrix;     /* cellWidth x cellHeight thresholds (threshold modes) */
+  int16_t *modulation; /* error diffusion: null (no modulation) by default */
+  int32_t *errorRowA;  /* width + 8 entries; the row starts 4 entries in */
   int32_t *errorRowB;
   int32_t *weightTable; /* 24,604 entries, groups of w0 w1 w2 w3, sum 8192 */
   int32_t *weightTableEnd;
   int32_t *weightCursor;
-  uint32_t serpentine;  /* set: the next line runs right to left */
+  uint32_t serpentine; /* set: the next line runs right to left */
   uint32_t bytesPerPlane;
   uint32_t outputBytes;
   uint32_t outputPlanes;
@@ -160,14 +161,16 @@ struct ScreeningObject {
   void *inputLut;              /* 256 bytes or 65,536 u16, or null (identity) */
   uint64_t cached;             /* non-zero: weightTable belongs to the cache */
   /* ours */
-  uint32_t width;          /* widest scanline the object accepts */
-  uint32_t patternStride;  /* bytes a tile row in pattern mode */
-  uint32_t byteOutput;     /* 16-to-8 objects: one byte a pixel, outputBytes = width */
-  double effectiveLpi;     /* halftone modes: what the cell achieves */
-  double effectiveAngle;   /* degrees */
-  uint8_t *levelBase;      /* multi-level thresholds: base level of each 8-bit value */
-  uint8_t *levelFraction;  /* ... and its position between that level and the next */
-  uint8_t *matrixRows;     /* matrix rows of cellWidth + 16, wrapped: for the loops */
+  uint32_t width;         /* widest scanline the object accepts */
+  uint32_t patternStride; /* bytes a tile row in pattern mode */
+  uint32_t byteOutput;    /* 16-to-8 objects: one byte a pixel, outputBytes = width */
+  double effectiveLpi;    /* halftone modes: what the cell achieves */
+  double effectiveAngle;  /* degrees */
+  uint8_t *levelBase;     /* multi-level thresholds: base level of each 8-bit value */
+  uint8_t *levelFraction; /* ... and its position between that level and the next */
+  uint8_t *matrixRows;    /* matrix rows of cellWidth + 16, wrapped: for the loops */
+  uint8_t *levelRows;     /* multi-level: for each level k >= 1, rows like matrixRows
+                             holding the largest value that stays below level k */
 };
 
 /* ---- Levels --------------------------------------------------------------- */
@@ -185,12 +188,14 @@ ZT_API int32_t GeneratePixelDotsizes(uint32_t levels, uint16_t *dotCodes);
 ZT_API int32_t GeneratePixelThresholdsAndDensities(const ScreeningSettings *settings, uint32_t levels,
                                                    uint16_t **thresholds, uint16_t **densities,
                                                    uint16_t **dotCodes, uint32_t bits);
-ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV1(const ScreeningSettings *settings, uint32_t levels,
-                                                            uint16_t **thresholds, uint16_t **densities,
-                                                            uint16_t **dotCodes, uint32_t bits);
-ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV2(const ScreeningSettings *settings, uint32_t levels,
-                                                            uint16_t **thresholds, uint16_t **densities,
-                                                            uint16_t **dotCodes, uint32_t bits);
+ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV1(const ScreeningSettings *settings,
+                                                            uint32_t levels, uint16_t **thresholds,
+                                                            uint16_t **densities, uint16_t **dotCodes,
+                                                            uint32_t bits);
+ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromLabV2(const ScreeningSettings *settings,
+                                                            uint32_t levels, uint16_t **thresholds,
+                                                            uint16_t **densities, uint16_t **dotCodes,
+                                                            uint32_t bits);
 ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSettings *settings,
                                                               uint32_t levels, uint16_t **thresholds,
                                                               uint16_t **densities, uint16_t **dotCodes,
@@ -201,8 +206,8 @@ ZT_API int32_t GeneratePixelThresholdsAndDensitiesFromDensity(const ScreeningSet
  * values differ by the largest ratio (the one in which the ink absorbs),
  * preferring Y, then X, then Z on ties. Returns the column taken (1 ... 3),
  * or -1 for null arrays or count 0 (logged). */
-ZT_API int32_t getXYZChannelToUseAsReflectance(const double *x, const double *y, const double *z, uint32_t count,
-                                               int32_t selector, double *out);
+ZT_API int32_t getXYZChannelToUseAsReflectance(const double *x, const double *y, const double *z,
+                                               uint32_t count, int32_t selector, double *out);
 
 /* ---- Objects -------------------------------------------------------------- */
 
@@ -249,8 +254,8 @@ ZT_API int32_t screeningDefaultCMYKCell(uint32_t channel, int32_t *cell);
 
 /* Parses a VRFS screen held in memory (`name` is used in messages). On 0 the
  * matrix (malloc'ed, *mx x *my bytes) is the caller's; -1 is logged. */
-ZT_API int32_t screeningVRFSParse(const char *data, size_t size, const char *name, uint8_t **matrix, uint32_t *mx,
-                                  uint32_t *my);
+ZT_API int32_t screeningVRFSParse(const char *data, size_t size, const char *name, uint8_t **matrix,
+                                  uint32_t *mx, uint32_t *my);
 
 /* ---- The stochastic cache ------------------------------------------------- */
 

@@ -89,7 +89,8 @@ TEST(ScreeningQuality, MatrixModesToneIsExactAndMonotone) {
     s.linesPerInch = 200;
     Object o(CreateScreeningObject(&s, 2048, 8));
     ASSERT_NE(o, nullptr);
-    const uint32_t side = o->cellWidth >= 256 ? o->cellWidth : o->cellWidth * ((255 + o->cellWidth) / o->cellWidth);
+    const uint32_t side =
+        o->cellWidth >= 256 ? o->cellWidth : o->cellWidth * ((255 + o->cellWidth) / o->cellWidth);
     ASSERT_EQ(o->cellWidth, o->cellHeight);
     double last = 0, worst = 0, step = 0;
     for (uint32_t v = 1; v < 255; ++v) {
@@ -99,7 +100,8 @@ TEST(ScreeningQuality, MatrixModesToneIsExactAndMonotone) {
       ASSERT_GE(m, last) << mode << " v " << v;
       last = m;
     }
-    if (verbose()) std::printf("mode %u tile %u tone error %.5f%% step %.5f\n", mode, side, worst * 100, step);
+    if (verbose())
+      std::printf("mode %u tile %u tone error %.5f%% step %.5f\n", mode, side, worst * 100, step);
     EXPECT_LE(worst, 0.0005) << mode;
     EXPECT_LE(step, 2 / 255.0) << mode;
   }
@@ -133,7 +135,8 @@ TEST(ScreeningQuality, MultiLevelToneNeverFalls) {
     Object o(CreateScreeningObject(&s, 256, 8));
     for (uint32_t v = 0; v < 256; ++v) {
       if (mode == 3) o.reset(CreateScreeningObject(&s, 320, 8));
-      const double d = mode == 3 ? ht::flat_patch(o.get(), v, 320, 32).mean() : ht::flat_patch(o.get(), v, 256, 0).mean();
+      const double d =
+          mode == 3 ? ht::flat_patch(o.get(), v, 320, 32).mean() : ht::flat_patch(o.get(), v, 256, 0).mean();
       if (v > 0) worst_step = std::fmax(worst_step, std::fabs(d - last - 1 / 255.0));
       // Error diffusion is a statistic of a finite patch: a hair of slack.
       ASSERT_GE(d, last - (mode == 3 ? 0.0005 : 0.0)) << mode << " v " << v;
@@ -187,8 +190,8 @@ TEST(ScreeningQuality, ErrorDiffusionQualityLock) {
       const ht::Spectrum sp = ht::spectrum(img, 256, g, 16);
       const double worm = (v <= 16 || v >= 239) ? ht::worm_index(img, g) : 0;
       if (verbose())
-        std::printf("ED seed %lu v %3u LFE %6.2f cut %.2f aniso %5.2f worm %.3f\n", static_cast<unsigned long>(seed), v,
-                    sp.lfe_db, sp.cutoff_ratio, sp.anisotropy_db, worm);
+        std::printf("ED seed %lu v %3u LFE %6.2f cut %.2f aniso %5.2f worm %.3f\n",
+                    static_cast<unsigned long>(seed), v, sp.lfe_db, sp.cutoff_ratio, sp.anisotropy_db, worm);
       worst_lfe = std::fmax(worst_lfe, sp.lfe_db);
       worst_aniso = std::fmax(worst_aniso, sp.anisotropy_db);
       worst_worm = std::fmax(worst_worm, worm);
@@ -262,20 +265,24 @@ TEST(ScreeningQuality, CellGeometry) {
         const double mx = dpi / f * std::cos(a * M_PI / 180), ny = dpi / f * std::sin(a * M_PI / 180);
         EXPECT_NEAR(mx, std::round(mx), 1e-9);
         EXPECT_NEAR(ny, std::round(ny), 1e-9);
-        EXPECT_EQ(w, uint32_t(std::lround(mx * mx + ny * ny)) / std::gcd(uint32_t(std::lround(std::fabs(mx))), uint32_t(std::lround(std::fabs(ny)))));
+        EXPECT_EQ(w,
+                  uint32_t(std::lround(mx * mx + ny * ny)) /
+                      std::gcd(uint32_t(std::lround(std::fabs(mx))), uint32_t(std::lround(std::fabs(ny)))));
         for (uint32_t side : {1024u, 4096u}) {
           s.mode = ZT_SCREEN_HALFTONE_SUPERCELL;
           s.maxTileSide = side;
           ASSERT_EQ(SuperCellCreate(&s, nullptr, &w, &h, &f, &a), 0);  // geometry only
           EXPECT_LE(w, side);
           const double fe = std::fabs(f - lpi) / lpi, ae = std::fabs(a - angle);
-          (side == 1024 ? worst_f1024 : worst_f4096) = std::fmax(side == 1024 ? worst_f1024 : worst_f4096, fe);
-          (side == 1024 ? worst_a1024 : worst_a4096) = std::fmax(side == 1024 ? worst_a1024 : worst_a4096, ae);
+          (side == 1024 ? worst_f1024 : worst_f4096) =
+              std::fmax(side == 1024 ? worst_f1024 : worst_f4096, fe);
+          (side == 1024 ? worst_a1024 : worst_a4096) =
+              std::fmax(side == 1024 ? worst_a1024 : worst_a4096, ae);
         }
       }
   if (verbose())
-    std::printf("super-cell <=1024: %.3f%% %.3f deg; <=4096: %.3f%% %.3f deg\n", worst_f1024 * 100, worst_a1024,
-                worst_f4096 * 100, worst_a4096);
+    std::printf("super-cell <=1024: %.3f%% %.3f deg; <=4096: %.3f%% %.3f deg\n", worst_f1024 * 100,
+                worst_a1024, worst_f4096 * 100, worst_a4096);
   EXPECT_LE(worst_f1024, 0.0105);
   EXPECT_LE(worst_a1024, 0.9);
   EXPECT_LE(worst_f4096, 0.005);
@@ -334,6 +341,50 @@ TEST(ScreeningQuality, DefaultCMYKSetHasNoMoireResidual) {
   Object o(CreateScreeningObject(&s, 64, 8));
   ASSERT_NE(o, nullptr);
   EXPECT_NEAR(o->effectiveAngle, 45.0, 1e-9);
+}
+
+}  // namespace
+
+namespace {
+
+// The sixteen-pixel loops against the per-pixel rules they replace: the
+// multi-level rows against base + (fraction > entry), the pattern mode
+// against its tiles' bits, on random lines of widths off the vector size.
+TEST(ScreeningKernels, VectorLoopsMatchThePerPixelRules) {
+  LibraryScope library;
+  std::srand(12);
+  for (uint32_t mode : {2u, 8u, 11u}) {
+    ScreeningSettings s = settings_for(mode, 5, 3);
+    Object o(CreateScreeningObject(&s, 1000, 8));
+    ASSERT_NE(o->levelRows, nullptr);
+    for (uint32_t width : {1000u, 997u, 15u, 1u}) {
+      for (uint32_t y = 0; y < 40; ++y) {
+        std::vector<uint8_t> in(width), copy, fast(o->outputBytes), slow(o->outputBytes);
+        for (auto &v : in) v = static_cast<uint8_t>(std::rand());
+        copy = in;
+        o->screenScanline(o.get(), in.data(), fast.data(), width, y);
+        uint8_t *rows = o->levelRows;
+        o->levelRows = nullptr;
+        o->screenScanline(o.get(), copy.data(), slow.data(), width, y);
+        o->levelRows = rows;
+        ASSERT_EQ(fast, slow) << mode << " width " << width << " y " << y;
+      }
+    }
+  }
+  ScreeningSettings s = settings_for(ZT_SCREEN_PATTERN);
+  s.channel = 1;
+  Object o(CreateScreeningObject(&s, 333, 8));
+  for (uint32_t y = 0; y < 300; y += 7) {
+    std::vector<uint8_t> in(333), out(o->outputBytes);
+    for (auto &v : in) v = static_cast<uint8_t>(std::rand());
+    o->screenScanline(o.get(), in.data(), out.data(), 333, y);
+    for (uint32_t x = 0; x < 333; ++x) {
+      const uint8_t *tile = o->ditherScreens[in[x]];
+      const uint32_t tx = x % o->cellWidth, ty = y % o->cellHeight;
+      const bool want = tile != nullptr && ((tile[ty * o->patternStride + tx / 8] >> (7 - tx % 8)) & 1u);
+      ASSERT_EQ(((out[x / 8] >> (7 - x % 8)) & 1u) != 0, want) << x << " " << y;
+    }
+  }
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 // stochastic cache on an injected clock), the refusals with their messages,
 // the VRFS reader, and the whole-image 16-to-8 path.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <zt/dither.h>
+#include <zt/init.h>
 #include <zt/random.h>
 #include <zt/screening.h>
 
@@ -11,9 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
-#include <zt/init.h>
 
 #include "support/test_support.h"
 
@@ -91,7 +91,8 @@ ScreeningDrop drop(uint32_t code, double y, double density) {
 
 TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
   LibraryScope library;
-  const ScreeningDrop drops[4] = {drop(0, 0.9, 0.05), drop(1, 0.5, 0.35), drop(3, 0.2, 0.75), drop(2, 0.04, 1.45)};
+  const ScreeningDrop drops[4] = {drop(0, 0.9, 0.05), drop(1, 0.5, 0.35), drop(3, 0.2, 0.75),
+                                  drop(2, 0.04, 1.45)};
   ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC, 4, 2);
   s.drops = drops;
   s.dropCount = 4;
@@ -103,7 +104,8 @@ TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
     EXPECT_EQ(d[0], 0) << source;
     EXPECT_EQ(d[3], 255) << source;
     EXPECT_EQ(t[0], 0);
-    for (int i = 1; i < 4; ++i) EXPECT_EQ(t[i], static_cast<uint16_t>(std::floor(0.5 + d[i - 1] + (d[i] - d[i - 1]) * 0.5)));
+    for (int i = 1; i < 4; ++i)
+      EXPECT_EQ(t[i], static_cast<uint16_t>(std::floor(0.5 + d[i - 1] + (d[i] - d[i - 1]) * 0.5)));
     EXPECT_EQ(std::vector<uint16_t>(c, c + 4), (std::vector<uint16_t>{0, 1, 3, 2}));
     std::free(t);
     std::free(d);
@@ -130,8 +132,9 @@ TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
     EXPECT_EQ(t, nullptr);
     EXPECT_EQ(d, nullptr);
     EXPECT_EQ(c, nullptr);
-    EXPECT_TRUE(capture.contains("Inconsistent data in paperprofile, some pixels are lighter or the same density. "
-                                 "Please fix and try again"));
+    EXPECT_TRUE(
+        capture.contains("Inconsistent data in paperprofile, some pixels are lighter or the same density. "
+                         "Please fix and try again"));
     EXPECT_EQ(capture.count(), 1u);
   }
   // Measured densities out of order, and a code past 16 bits (a warning).
@@ -141,8 +144,10 @@ TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
   s.levelSource = ZT_LEVELS_DENSITY;
   LogCapture capture;
   EXPECT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), -1);
-  EXPECT_TRUE(capture.contains("Dots must be ordered by density in the paperprofile, please resave and try again"));
-  EXPECT_TRUE(capture.contains("warning: Paper profile cotains a dot size of 65538, which does not fit into 16 bits"));
+  EXPECT_TRUE(
+      capture.contains("Dots must be ordered by density in the paperprofile, please resave and try again"));
+  EXPECT_TRUE(capture.contains(
+      "warning: Paper profile cotains a dot size of 65538, which does not fit into 16 bits"));
 }
 
 TEST(ScreeningLevels, ReflectanceColumn) {
@@ -271,7 +276,8 @@ TEST(ScreeningErrorDiffusion, ZeroPixelsEdgesAndLongPages) {
     // Zero pixels never print, whatever the carry from dark neighbours; a
     // 1-px line at full ink on paper prints unbroken.
     for (uint32_t y = 0; y < 200; ++y) {
-      for (uint32_t x = 0; x < 257; ++x) in[x] = (x % 3 == 0) ? 0 : (x == 100 ? 255 : static_cast<uint8_t>(200 + x % 50));
+      for (uint32_t x = 0; x < 257; ++x)
+        in[x] = (x % 3 == 0) ? 0 : (x == 100 ? 255 : static_cast<uint8_t>(200 + x % 50));
       o->screenScanline(o.get(), in.data(), out.data(), 257, y);
       for (uint32_t x = 0; x < 257; x += 3)
         for (uint32_t p = 0; p < 2; ++p) ASSERT_FALSE(bit(out.data() + p * o->bytesPerPlane, x)) << x;
@@ -523,7 +529,8 @@ TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
     serial.emplace_back(CreateScreeningObject(&s, width, 8));
     parallel.emplace_back(CreateScreeningObject(&s, width, 8));
     if (serial[c]->weightTable != nullptr)
-      parallel[c]->weightCursor = parallel[c]->weightTable + (serial[c]->weightCursor - serial[c]->weightTable);
+      parallel[c]->weightCursor =
+          parallel[c]->weightTable + (serial[c]->weightCursor - serial[c]->weightTable);
   }
   const size_t out_stride = serial[0]->outputBytes;
   std::vector<std::vector<uint8_t>> in(channels), in_copy(channels), out_a(channels), out_b(channels);
@@ -534,8 +541,8 @@ TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
     out_a[c].resize(out_stride * lines);
     out_b[c].resize(out_stride * lines);
     for (uint32_t y = 0; y < lines; ++y)
-      serial[c]->screenScanline(serial[c].get(), in[c].data() + size_t(y) * width, out_a[c].data() + y * out_stride,
-                                width, y);
+      serial[c]->screenScanline(serial[c].get(), in[c].data() + size_t(y) * width,
+                                out_a[c].data() + y * out_stride, width, y);
   }
   std::vector<ScreeningObject *> objects;
   std::vector<void *> inputs;
@@ -545,8 +552,8 @@ TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
     inputs.push_back(in_copy[c].data());
     outputs.push_back(out_b[c].data());
   }
-  ASSERT_EQ(screeningScreenChannelLines(objects.data(), channels, inputs.data(), width, outputs.data(), out_stride,
-                                        width, 0, lines),
+  ASSERT_EQ(screeningScreenChannelLines(objects.data(), channels, inputs.data(), width, outputs.data(),
+                                        out_stride, width, 0, lines),
             0);
   for (uint32_t c = 0; c < channels; ++c) EXPECT_EQ(out_a[c], out_b[c]) << c;
   LogCapture capture;
