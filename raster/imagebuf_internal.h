@@ -130,6 +130,11 @@ struct Store {
   std::atomic<int32_t> error{0};
   SpinLock lock;
 
+  // A number no other store of the process has, and the count of completed
+  // writes into the store's tiles: what a copy kept outside the cache checks.
+  uint64_t id = 0;
+  std::atomic<uint64_t> generation{0};
+
   // The registry of live stores, under the cache lock, so that shut-down can
   // remove every swap file.
   Store *live_prev = nullptr;
@@ -198,6 +203,15 @@ struct ZT_ImageBuf {
   uint32_t next_line = 0;
   uint32_t held_row = UINT32_MAX;
   std::vector<zt::raster::Slot *> held;
+
+  // Column reading: a band of columns, a cache line of pixels wide, read from
+  // the tiles at once and kept while the store sees no write.
+  std::mutex column_mutex;
+  uint64_t band_store = 0;
+  uint64_t band_generation = 0;
+  uint32_t band_x = 0;
+  uint32_t band_width = 0;
+  std::vector<uint8_t> band;
 };
 
 namespace zt::raster {
