@@ -614,6 +614,29 @@ bool copy_narrow(const Layout &from, const Layout &to, size_t bytes, uint32_t h)
   }
 }
 
+// Whole pixels of N bytes at any distance from one another on both sides:
+// a band of columns is gathered this way, each column one run of memory.
+template <size_t N>
+void copy_pixels(const Layout &from, const Layout &to, uint32_t w, uint32_t h) {
+  for (uint32_t y = 0; y < h; ++y) {
+    const uint8_t *src = from.base + static_cast<ptrdiff_t>(y) * from.row;
+    uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
+    for (uint32_t x = 0; x < w; ++x, src += from.pixel, dst += to.pixel) std::memcpy(dst, src, N);
+  }
+}
+
+bool copy_spread(const Layout &from, const Layout &to, size_t bpp, uint32_t w, uint32_t h) {
+  switch (bpp) {
+    case 1: copy_pixels<1>(from, to, w, h); return true;
+    case 2: copy_pixels<2>(from, to, w, h); return true;
+    case 3: copy_pixels<3>(from, to, w, h); return true;
+    case 4: copy_pixels<4>(from, to, w, h); return true;
+    case 6: copy_pixels<6>(from, to, w, h); return true;
+    case 8: copy_pixels<8>(from, to, w, h); return true;
+    default: return false;
+  }
+}
+
 }  // namespace
 
 void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, uint32_t channels,
@@ -622,6 +645,7 @@ void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, ui
   const bool whole_pixels = from.pixel == bpp && to.pixel == bpp && from.channel == bps && to.channel == bps;
   const bool planes = from.pixel == bps && to.pixel == bps;
   if (whole_pixels && copy_narrow(from, to, static_cast<size_t>(w) * bpp, h)) return;
+  if (!whole_pixels && from.channel == bps && to.channel == bps && copy_spread(from, to, bpp, w, h)) return;
   for (uint32_t y = 0; y < h; ++y) {
     const uint8_t *src = from.base + static_cast<ptrdiff_t>(y) * from.row;
     uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
