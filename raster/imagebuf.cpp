@@ -38,6 +38,7 @@ struct Cache {
   bool exit_handler = false;
   int64_t limit = ZT_IMAGEBUF_DEFAULT_CACHE_SIZE;
   int64_t used = 0;
+  uint64_t epoch = 0;
   SlotList lists[3];
   Store *live = nullptr;
 };
@@ -411,6 +412,10 @@ void StoreDeleter::operator()(Store *store) const noexcept {
 }
 
 int32_t store_set_tiles(Store &store, uint32_t tile_w, uint32_t tile_h, const char *function) {
+  if (store.source != nullptr) {
+    ZT_LOG(kImageBufModule, function, "The tiles of this imagebuf come from a file and keep its tile size");
+    return -1;
+  }
   if (tile_w == 0 || tile_h == 0) {
     ZT_LOG(kImageBufModule, function, "Bad tile width or height");
     return -1;
@@ -516,6 +521,11 @@ StorePtr store_create_like(const Store &like, uint32_t width, uint32_t height, u
                            const char *function) {
   return store_create(like.interleave, bits, width, height, like.channels, like.compression,
                       like.swap_dir.c_str(), function);
+}
+
+uint64_t cache_epoch() {
+  std::lock_guard<AtomicSpinLock> guard(g_cache.lock);
+  return g_cache.epoch;
 }
 
 int32_t store_check_usable(const Store &store, const char *function) {
@@ -767,6 +777,7 @@ ZT_API void ZT_ImageBufDeinitSubSystem(void) {
     store->error.store(-1);
   }
   remove_live_swap_files();
+  ++g_cache.epoch;
   g_cache.running = false;
 }
 

@@ -182,6 +182,8 @@ int32_t store_access(Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t 
 // True when a tile under the rectangle holds data.
 bool store_any_exists(const Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t h);
 int32_t store_flush(Store &store, const char *function);
+// Counts the shut-downs of the cache: slots held across one are gone.
+uint64_t cache_epoch();
 // Logs and returns -1 when the store is in its error state.
 int32_t store_check_usable(const Store &store, const char *function);
 
@@ -202,6 +204,7 @@ struct ZT_ImageBuf {
   std::mutex sequence_mutex;
   uint32_t next_line = 0;
   uint32_t held_row = UINT32_MAX;
+  uint64_t held_epoch = 0;
   std::vector<zt::raster::Slot *> held;
 
   // Column reading: a band of columns, a cache line of pixels wide, read from
