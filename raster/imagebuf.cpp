@@ -38,12 +38,14 @@ struct Cache {
   bool exit_handler = false;
   int64_t limit = ZT_IMAGEBUF_DEFAULT_CACHE_SIZE;
   int64_t used = 0;
+  uint64_t epoch = 0;
   SlotList lists[3];
   Store *live = nullptr;
 };
 
 constinit Cache g_cache;
 constinit std::atomic<int32_t> g_swap_counter{0};
+constinit std::atomic<uint64_t> g_store_ids{0};
 constinit std::atomic<ZT_ImageBufSwapWriteFn> g_write_hook{nullptr};
 
 void list_remove(Slot *slot) {
@@ -410,6 +412,10 @@ void StoreDeleter::operator()(Store *store) const noexcept {
 }
 
 int32_t store_set_tiles(Store &store, uint32_t tile_w, uint32_t tile_h, const char *function) {
+  if (store.source != nullptr) {
+    ZT_LOG(kImageBufModule, function, "The tiles of this imagebuf come from a file and keep its tile size");
+    return -1;
+  }
   if (tile_w == 0 || tile_h == 0) {
     ZT_LOG(kImageBufModule, function, "Bad tile width or height");
     return -1;
@@ -469,6 +475,7 @@ StorePtr store_create(uint32_t interleave, uint32_t bits, uint32_t width, uint32
     }
   }
   StorePtr store(new Store);
+  store->id = g_store_ids.fetch_add(1) + 1;
   if (swap_dir != nullptr) {
     store->swap_dir = swap_dir;
   } else {
@@ -514,6 +521,11 @@ StorePtr store_create_like(const Store &like, uint32_t width, uint32_t height, u
                            const char *function) {
   return store_create(like.interleave, bits, width, height, like.channels, like.compression,
                       like.swap_dir.c_str(), function);
+}
+
+uint64_t cache_epoch() {
+  std::lock_guard<AtomicSpinLock> guard(g_cache.lock);
+  return g_cache.epoch;
 }
 
 int32_t store_check_usable(const Store &store, const char *function) {
@@ -571,7 +583,11 @@ int32_t tile_acquire(Store &store, uint32_t index, bool for_write, Slot **out, c
 
 void tile_release(Slot *slot, bool written) {
   std::lock_guard<AtomicSpinLock> guard(g_cache.lock);
-  if (written) slot->dirty = true;
+  if (written) {
+    slot->dirty = true;
+    // Counted once the pixels are in, so a copy made after it sees them.
+    slot->owner->generation.fetch_add(1, std::memory_order_release);
+  }
   if (--slot->use == 0) {
     list_remove(slot);
     list_push_back(slot->dirty ? kIdleDirty : kIdleClean, slot);
@@ -587,11 +603,59 @@ bool store_check_rect(const Store &store, uint32_t x, uint32_t y, uint32_t w, ui
   return false;
 }
 
+namespace {
+
+// Rows of N bytes: a column of pixels is copied a few bytes per row, where a
+// call to memcpy of an unknown size would cost more than the copy.
+template <size_t N>
+void copy_rows(const uint8_t *src, ptrdiff_t src_row, uint8_t *dst, ptrdiff_t dst_row, uint32_t h) {
+  for (uint32_t y = 0; y < h; ++y, src += src_row, dst += dst_row) std::memcpy(dst, src, N);
+}
+
+bool copy_narrow(const Layout &from, const Layout &to, size_t bytes, uint32_t h) {
+  switch (bytes) {
+    case 1: copy_rows<1>(from.base, from.row, to.base, to.row, h); return true;
+    case 2: copy_rows<2>(from.base, from.row, to.base, to.row, h); return true;
+    case 3: copy_rows<3>(from.base, from.row, to.base, to.row, h); return true;
+    case 4: copy_rows<4>(from.base, from.row, to.base, to.row, h); return true;
+    case 6: copy_rows<6>(from.base, from.row, to.base, to.row, h); return true;
+    case 8: copy_rows<8>(from.base, from.row, to.base, to.row, h); return true;
+    default: return false;
+  }
+}
+
+// Whole pixels of N bytes at any distance from one another on both sides:
+// a band of columns is gathered this way, each column one run of memory.
+template <size_t N>
+void copy_pixels(const Layout &from, const Layout &to, uint32_t w, uint32_t h) {
+  for (uint32_t y = 0; y < h; ++y) {
+    const uint8_t *src = from.base + static_cast<ptrdiff_t>(y) * from.row;
+    uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
+    for (uint32_t x = 0; x < w; ++x, src += from.pixel, dst += to.pixel) std::memcpy(dst, src, N);
+  }
+}
+
+bool copy_spread(const Layout &from, const Layout &to, size_t bpp, uint32_t w, uint32_t h) {
+  switch (bpp) {
+    case 1: copy_pixels<1>(from, to, w, h); return true;
+    case 2: copy_pixels<2>(from, to, w, h); return true;
+    case 3: copy_pixels<3>(from, to, w, h); return true;
+    case 4: copy_pixels<4>(from, to, w, h); return true;
+    case 6: copy_pixels<6>(from, to, w, h); return true;
+    case 8: copy_pixels<8>(from, to, w, h); return true;
+    default: return false;
+  }
+}
+
+}  // namespace
+
 void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, uint32_t channels,
                 uint32_t bps) {
   const ptrdiff_t bpp = static_cast<ptrdiff_t>(bps) * channels;
   const bool whole_pixels = from.pixel == bpp && to.pixel == bpp && from.channel == bps && to.channel == bps;
   const bool planes = from.pixel == bps && to.pixel == bps;
+  if (whole_pixels && copy_narrow(from, to, static_cast<size_t>(w) * bpp, h)) return;
+  if (!whole_pixels && from.channel == bps && to.channel == bps && copy_spread(from, to, bpp, w, h)) return;
   for (uint32_t y = 0; y < h; ++y) {
     const uint8_t *src = from.base + static_cast<ptrdiff_t>(y) * from.row;
     uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
@@ -713,6 +777,7 @@ ZT_API void ZT_ImageBufDeinitSubSystem(void) {
     store->error.store(-1);
   }
   remove_live_swap_files();
+  ++g_cache.epoch;
   g_cache.running = false;
 }
 

@@ -130,6 +130,11 @@ struct Store {
   std::atomic<int32_t> error{0};
   SpinLock lock;
 
+  // A number no other store of the process has, and the count of completed
+  // writes into the store's tiles: what a copy kept outside the cache checks.
+  uint64_t id = 0;
+  std::atomic<uint64_t> generation{0};
+
   // The registry of live stores, under the cache lock, so that shut-down can
   // remove every swap file.
   Store *live_prev = nullptr;
@@ -177,6 +182,8 @@ int32_t store_access(Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t 
 // True when a tile under the rectangle holds data.
 bool store_any_exists(const Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t h);
 int32_t store_flush(Store &store, const char *function);
+// Counts the shut-downs of the cache: slots held across one are gone.
+uint64_t cache_epoch();
 // Logs and returns -1 when the store is in its error state.
 int32_t store_check_usable(const Store &store, const char *function);
 
@@ -197,7 +204,17 @@ struct ZT_ImageBuf {
   std::mutex sequence_mutex;
   uint32_t next_line = 0;
   uint32_t held_row = UINT32_MAX;
+  uint64_t held_epoch = 0;
   std::vector<zt::raster::Slot *> held;
+
+  // Column reading: a band of columns, a cache line of pixels wide, read from
+  // the tiles at once and kept while the store sees no write.
+  std::mutex column_mutex;
+  uint64_t band_store = 0;
+  uint64_t band_generation = 0;
+  uint32_t band_x = 0;
+  uint32_t band_width = 0;
+  std::vector<uint8_t> band;
 };
 
 namespace zt::raster {

@@ -139,6 +139,9 @@ ZT_API int32_t ZT_ImageBufPutRectangle(ZT_ImageBuf *buf, uint32_t x, uint32_t y,
                                        uint32_t height, const void *data, uint32_t stride);
 ZT_API int32_t ZT_ImageBufGetScanline(ZT_ImageBuf *buf, uint32_t y, void *data);
 ZT_API int32_t ZT_ImageBufPutScanline(ZT_ImageBuf *buf, uint32_t y, const void *data);
+/* Reading a column keeps the band of columns that share its cache line (64
+ * bytes of pixels) in memory, as long as nothing is written to the buffer, so
+ * that reading the next columns does not walk the tiles again. */
 ZT_API int32_t ZT_ImageBufGetColumn(ZT_ImageBuf *buf, uint32_t x, void *data);
 ZT_API int32_t ZT_ImageBufPutColumn(ZT_ImageBuf *buf, uint32_t x, const void *data);
 ZT_API int32_t ZT_ImageBufGetPixel(ZT_ImageBuf *buf, uint32_t x, uint32_t y, void *data);
@@ -154,7 +157,10 @@ ZT_API int32_t ZT_ImageBufPutPixel(ZT_ImageBuf *buf, uint32_t x, uint32_t y, con
 ZT_API int32_t ZT_ImageBufReadScanline(ZT_ImageBuf *buf, uint32_t y, void *data);
 ZT_API int32_t ZT_ImageBufReadScanlineFast(ZT_ImageBuf *buf, uint32_t y, void *data);
 
-/* Writes every dirty resident tile of the buffer to its swap file. */
+/* Writes every dirty resident tile of the buffer that is not in use to its
+ * swap file. The cache evicts clean tiles before dirty ones: a page that is
+ * read back after it was written is best flushed first, or the reader cycles
+ * through the few clean slots while the dirty ones stay. */
 ZT_API int32_t ZT_ImageBufFlush(ZT_ImageBuf *buf);
 
 /* ---- VLIMG files ----------------------------------------------------------------

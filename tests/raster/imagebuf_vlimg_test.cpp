@@ -141,6 +141,11 @@ TEST_P(ImageBufVlimgTest, TilesComeFromTheFileUntilWritten) {
   }
   ASSERT_EQ(0, ZT_ImageBufSetTilesFromFileProperties(buf.get()));
   EXPECT_EQ(1, ZT_ImageBuf_rectangle_exists(buf.get(), 0, 0, w, h));
+  {
+    LogCapture log;
+    EXPECT_EQ(-1, ZT_ImageBufSetTileSize(buf.get(), 64, 64));
+    EXPECT_TRUE(log.contains("come from a file"));
+  }
   EXPECT_EQ(page, read_by_pixel(buf.get()));
   // A written pixel goes through the swap file; its neighbours still come from the file.
   const uint32_t bpp = 4 * bits() / 8;
