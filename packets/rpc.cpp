@@ -204,6 +204,14 @@ struct FdCloser {
 
 }  // namespace
 
+namespace {
+// Temporary names of files being received, unique within the process.
+uint64_t next_part_number() {
+  static std::atomic<uint64_t> counter{0};
+  return counter.fetch_add(1);
+}
+}  // namespace
+
 extern "C" {
 
 ZT_API void ZTRPC_SetLimits(uint64_t max_item_length, uint64_t max_file_length) {
@@ -221,6 +229,10 @@ ZT_API ZTRPC *ZTRPC_ClientCreate(const char *host, int32_t port, const char *pro
     if (host == nullptr || protocol == nullptr) return nullptr;
     const int proto = protocol_of(protocol);
     if (proto == 0) return nullptr;
+    if (port < 1 || port > 65535) {
+      ZT_LOG(kModule, "ZTRPC_ClientCreate", "Port %d is outside 1 to 65535", static_cast<int>(port));
+      return nullptr;
+    }
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = proto == ZT_RPC_TCP ? SOCK_STREAM : SOCK_DGRAM;
@@ -255,6 +267,12 @@ ZT_API ZTRPC *ZTRPC_ServerCreateAt(const char *address, int32_t port, int32_t ba
     const char *fn = "ZTRPC_ServerCreate";
     const int proto = protocol_of(protocol);
     if (proto == 0) return nullptr;
+    // The port is 16 bits on the wire: a larger number would silently bind
+    // another port (70000 is 4464). 0 lets the system choose one.
+    if (port < 0 || port > 65535) {
+      ZT_LOG(kModule, fn, "Port %d is outside 1 to 65535", static_cast<int>(port));
+      return nullptr;
+    }
     const int fd = ::socket(AF_INET, proto == ZT_RPC_TCP ? SOCK_STREAM : SOCK_DGRAM, 0);
     if (fd < 0) {
       ZT_LOG(kModule, fn, "Cannot allocate socket");
@@ -640,9 +658,22 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     const std::string leaf(base);
     const int dir = ::open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     FdCloser dir_closer{dir};
+    // The file arrives under a temporary name in the same folder and replaces
+    // the target only once it is whole: a sender that stops half-way leaves
+    // an existing file as it was. A target that is a link or not a plain
+    // file is refused rather than replaced.
     int out = -1;
-    if (dir >= 0 && !leaf.empty() && leaf != "." && leaf != "..")
-      out = ::openat(dir, leaf.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    std::string part;
+    struct stat existing {};
+    const bool target_ok =
+        dir >= 0 && !leaf.empty() && leaf != "." && leaf != ".." &&
+        (::fstatat(dir, leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) != 0 ? errno == ENOENT
+                                                                           : S_ISREG(existing.st_mode));
+    for (uint32_t attempt = 0; target_ok && out < 0 && attempt < 100; ++attempt) {
+      part = "." + leaf + ".part" + std::to_string(::getpid()) + "_" + std::to_string(next_part_number());
+      out = ::openat(dir, part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+      if (out < 0 && errno != EEXIST) break;
+    }
     FdCloser out_closer{out};
     if (out < 0) {
       ZT_LOG(kModule, fn, "Cannot create file %s in %s", leaf.c_str(), directory);
@@ -650,7 +681,7 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
       return -1;
     }
     auto fail = [&] {
-      ::unlinkat(dir, leaf.c_str(), 0);
+      ::unlinkat(dir, part.c_str(), 0);
       return -1;
     };
     uint64_t left = length;
@@ -687,6 +718,10 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
       }
       if (!write_all(block.get(), got)) return fail();
       left -= got;
+    }
+    if (::renameat(dir, part.c_str(), dir, leaf.c_str()) != 0) {
+      ZT_LOG(kModule, fn, "Error %d writing file %s", errno, leaf.c_str());
+      return fail();
     }
     if (name != nullptr && name_size > 0) {
       const size_t n = leaf.size() < name_size - 1 ? leaf.size() : static_cast<size_t>(name_size - 1);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -253,6 +255,42 @@ TEST_F(Rpc, FilesArriveWholeAndOnlyInsideTheDirectory) {
 
   EXPECT_EQ(ZTRPC_WriteFile(p.client, dir_.file("missing").c_str()), -1);
   expect_one_log("does not exist");
+}
+
+// A sender that names an existing file, announces 1,000 bytes, sends 3 and
+// goes away used to leave that file truncated and then unlinked. It stays as
+// it was, and no temporary file is left beside it.
+TEST_F(Rpc, AnIncompleteTransferLeavesTheExistingFileAlone) {
+  ASSERT_EQ(mkdir(dir_.file("in").c_str(), 0700), 0);
+  zt::test::write_file(dir_.file("in/keep.txt"), "precious");
+  {
+    RpcPair p;
+    ASSERT_TRUE(p.ok());
+    const std::string wire = item_bytes(8, 0, "") + item_bytes(5, 8, "keep.txt") + item_bytes(9, 1000, "abc");
+    ::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL);
+    ZTRPC_Destroy(p.client);
+    p.client = nullptr;
+    char name[64] = "";
+    EXPECT_EQ(ZTRPC_GetFile(p.conn, dir_.file("in").c_str(), name, sizeof name), -1);
+    EXPECT_TRUE(log_.contains("socket closed on other end"));
+    log_.clear();
+  }
+  EXPECT_EQ(zt::test::read_file(dir_.file("in/keep.txt")), "precious");
+  size_t entries = 0;
+  for (const auto &e : std::filesystem::directory_iterator(dir_.file("in"))) {
+    EXPECT_EQ(e.path().filename(), "keep.txt");
+    ++entries;
+  }
+  EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(Rpc, PortsOutsideSixteenBitsAreRefused) {
+  EXPECT_EQ(ZTRPC_ServerCreateAt("127.0.0.1", 70000, 4, "tcp"), nullptr);
+  expect_one_log("Port 70000 is outside 1 to 65535");
+  EXPECT_EQ(ZTRPC_ServerCreate(-1, 4, "udp"), nullptr);
+  expect_one_log("Port -1 is outside 1 to 65535");
+  EXPECT_EQ(ZTRPC_ClientCreate("127.0.0.1", 65536, "tcp"), nullptr);
+  expect_one_log("Port 65536 is outside 1 to 65535");
 }
 
 TEST_F(Rpc, ClosedPeerAndBadArgumentsFailQuietly) {
