@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <unistd.h>
+#include "scratch_dir.h"
 
 namespace {
 
@@ -35,8 +35,7 @@ void check_round_trip(ZTListNode *list, uint32_t cls) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char tmpl[] = "/tmp/zt_packet_fuzz_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
+  zt::fuzz::ScratchDir::enter("packet");
   ZT_InitSubSystems();
   LogErrorDisable(1);
   return 0;
