@@ -30,7 +30,7 @@ Run dither_row(const DitherContext &base, const std::vector<Sample> &in, size_t 
   std::vector<uint8_t> out_head(head.size()), out_tail(tail.size());
   fn(&context, out_head.data(), head.data(), static_cast<uint32_t>(head.size()));
   fn(&context, out_tail.data(), tail.data(), static_cast<uint32_t>(tail.size()));
-  std::memcpy(run.out.data(), out_head.data(), out_head.size());
+  if (!out_head.empty()) std::memcpy(run.out.data(), out_head.data(), out_head.size());
   if (!out_tail.empty()) std::memcpy(run.out.data() + split, out_tail.data(), out_tail.size());
   run.cursor = context.tableCursor;
   return run;

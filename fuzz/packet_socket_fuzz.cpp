@@ -1,8 +1,9 @@
 // The packet framing on a socket: headers and bodies read back to back from a
-// socket pair whose other end wrote the input and closed. A header is read
-// exactly when the buffer reader finds one at the start of the same bytes, a
-// body exactly when all of it arrived and it is within the limit, and it is
-// the bytes that were sent. The body limit is small so that runs stay fast;
+// socket pair whose other end wrote the input and closed. Every header laid
+// out as the writer does is read, and any header read is what the buffer
+// reader reads from the same bytes; a body is read exactly when all of it
+// arrived and it is within the limit, and it is the bytes that were sent.
+// Nothing waits for the time-out: the peer has closed. The body limit is small so that runs stay fast;
 // packet_default_limits runs the same with the library's own limits.
 #include "packet_io_fuzz_support.h"
 

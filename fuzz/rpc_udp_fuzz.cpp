@@ -164,8 +164,10 @@ int32_t read_one(ZTRPC *ch, uint32_t kind, Model &model, bool &wrote_file) {
     case 5: {
       const int32_t type = ZTRPC_ReadSkipItem(ch);
       if (model.valid()) {
+        // The type comes back as a signed status: one with the top bit set
+        // reads as negative.
         const int64_t want = model.skip();
-        if (model.valid()) check(type == want);
+        if (model.valid()) check(type == static_cast<int32_t>(static_cast<uint32_t>(want)));
       }
       return type >= 0 ? 0 : -1;
     }
