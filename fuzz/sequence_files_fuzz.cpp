@@ -31,15 +31,19 @@ int64_t plain_number(const std::string &bytes) {
 
 enum class Kind { kFile, kMissing, kFolder };
 
-void put(const std::string &name, Kind kind, const std::string &bytes) {
+// What each file is now, so that a file is only rewritten in place when it
+// stays a file (removing and creating entries is what costs time here).
+Kind g_job_state = Kind::kMissing, g_scratch_state = Kind::kMissing;
+
+void put(const std::string &name, Kind &state, Kind kind, const std::string &bytes) {
   const std::string path = g_etc + "/" + name;
-  std::error_code ignored;
-  std::filesystem::remove_all(path, ignored);
-  if (kind == Kind::kMissing) return;
-  if (kind == Kind::kFolder) {
-    check(std::filesystem::create_directory(path));
-    return;
+  if (state != kind || kind == Kind::kMissing) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+    if (kind == Kind::kFolder) check(std::filesystem::create_directory(path));
   }
+  state = kind;
+  if (kind != Kind::kFile) return;
   std::FILE *out = std::fopen(path.c_str(), "wb");
   check(out != nullptr);
   check(bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size());
@@ -81,8 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     case 3: scratch_kind = Kind::kMissing; break;
     default: (data[0] & 8 ? job_kind : scratch_kind) = Kind::kFolder; break;
   }
-  put("jobid.seq", job_kind, job);
-  put("mktmp.seq", scratch_kind, scratch);
+  put("jobid.seq", g_job_state, job_kind, job);
+  put("mktmp.seq", g_scratch_state, scratch_kind, scratch);
 
   ZT_InitSubSystems2();
   const uint32_t job_number = ZTNextJobNumber();
@@ -96,6 +100,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint32_t job_again = ZTNextJobNumber();
   const uint32_t scratch_again = ZTNextUniqueNumber();
   ZT_DeInitSubSystems2();
+  // Shut-down wrote the numbers back, creating the files that were missing.
+  if (g_job_state == Kind::kMissing) g_job_state = Kind::kFile;
+  if (g_scratch_state == Kind::kMissing) g_scratch_state = Kind::kFile;
   if (job_kind != Kind::kFolder) check(job_again == job_number + 1);
   if (scratch_kind != Kind::kFolder) check(scratch_again == scratch_number + 1);
   return 0;

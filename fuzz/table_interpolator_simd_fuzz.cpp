@@ -97,9 +97,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   s.bytes = mode & 2 ? 1 : 2;
   s.interleave = (mode >> 2) & 1;
   const uint32_t values_mode = (mode >> 3) & 3;
-  s.points = 2 + in.byte() % (s.inputs == 3 ? 11 : 5);
+  s.points = 2 + in.byte() % (s.inputs == 3 ? 8 : 4);
   s.outputs = 1 + in.byte() % ZT_INTERP_MAX_OUTPUTS;
-  s.pixels = 1 + in.byte() % 40;
+  s.pixels = 1 + in.byte() % 32;
   s.lines = 1 + in.byte() % 3;
   const uint32_t slack = in.byte();
   s.src_step = (s.pixels * s.inputs + slack % 4) * s.bytes;
