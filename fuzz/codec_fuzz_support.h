@@ -1,6 +1,6 @@
-// Shared by the codec fuzz targets: the library up with its log switched off
-// (every refused input logs a line, which would drown a long run and fill the
-// log file), and a heap copy of each input so that reading past its end is
+// Shared by the fuzz targets: the library up with its log switched off (every
+// refused input logs a line, which would drown a long run and fill the log
+// file), and a heap copy of each input so that reading past its end is
 // caught.
 #pragma once
 

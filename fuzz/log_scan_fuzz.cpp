@@ -11,11 +11,9 @@
 #include <cstring>
 #include <string>
 
-#include <unistd.h>
+#include "scratch_dir.h"
 
 namespace {
-
-std::string g_dir;
 
 void write_log(const uint8_t *data, size_t size) {
   std::FILE *out = std::fopen("errors.log", "wb");
@@ -27,9 +25,7 @@ void write_log(const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char tmpl[] = "/tmp/zt_log_fuzz_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
-  g_dir = tmpl;
+  zt::fuzz::ScratchDir::enter("log");
   ZT_InitSubSystems();
   LogErrorDisable(0);
   return 0;

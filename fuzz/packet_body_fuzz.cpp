@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <unistd.h>
+#include "scratch_dir.h"
 
 namespace {
 
@@ -37,8 +37,7 @@ void check_round_trip(ZTListNode *list, uint32_t cls) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char tmpl[] = "/tmp/zt_packet_fuzz_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
+  zt::fuzz::ScratchDir::enter("packet");
   ZT_InitSubSystems();
   if (zt::test::register_packet_test_classes() != 0) std::abort();
   LogErrorDisable(1);

@@ -8,11 +8,10 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include <unistd.h>
+#include "scratch_dir.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char tmpl[] = "/tmp/zt_header_fuzz_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
+  zt::fuzz::ScratchDir::enter("header");
   ZT_InitSubSystems();
   LogErrorDisable(1);
   return 0;

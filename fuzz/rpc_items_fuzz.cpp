@@ -16,14 +16,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "scratch_dir.h"
+
 namespace {
 std::string g_dir;
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  char tmpl[] = "/tmp/zt_rpc_fuzz_XXXXXX";
-  if (mkdtemp(tmpl) == nullptr || chdir(tmpl) != 0) std::abort();
-  g_dir = tmpl;
+  g_dir = zt::fuzz::ScratchDir::enter("rpc");
   ZT_InitSubSystems();
   if (zt::test::register_packet_test_classes() != 0) std::abort();
   LogErrorDisable(1);
