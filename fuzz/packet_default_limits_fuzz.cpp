@@ -14,7 +14,7 @@ std::string g_dir;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   g_dir = zt::fuzz::ScratchDir::enter("packet_limits");
-  zt::fuzz::start_quiet_library();
+  zt::fuzz::start_packet_library();
   ZTPacketSetMaxBodyLength(0);
   return 0;
 }

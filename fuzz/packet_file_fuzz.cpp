@@ -13,7 +13,7 @@ std::string g_dir;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   g_dir = zt::fuzz::ScratchDir::enter("packet_file");
-  zt::fuzz::start_quiet_library();
+  zt::fuzz::start_packet_library();
   return 0;
 }
 

@@ -19,8 +19,15 @@
 #include <unistd.h>
 
 #include "codec_fuzz_support.h"
+#include "support/packet_test_classes.h"
 
 namespace zt::fuzz {
+
+// The library, quiet, with the test storage classes the seeds are written in.
+inline void start_packet_library() {
+  start_quiet_library();
+  if (zt::test::register_packet_test_classes() != 0) std::abort();
+}
 
 const uint32_t kPacketClasses[] = {ZT_CLASS_TEST_CHILD, ZT_CLASS_TEST_ALL, ZT_CLASS_TEST_RECORD,
                                    ZT_CLASS_REQUEST};

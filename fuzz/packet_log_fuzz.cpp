@@ -54,7 +54,7 @@ int32_t log_body(ZTPacketMemory *pm, uint32_t cls, bool list, std::vector<std::s
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  zt::fuzz::start_quiet_library();
+  zt::fuzz::start_packet_library();
   LogErrorDisable(0);
   check(LogErrorAddClient(on_message, nullptr) > 0);
   return 0;

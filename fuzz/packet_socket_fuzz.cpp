@@ -8,7 +8,7 @@
 #include "packet_io_fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  zt::fuzz::start_quiet_library();
+  zt::fuzz::start_packet_library();
   ZTPacketSetMaxBodyLength(1u << 16);
   return 0;
 }
