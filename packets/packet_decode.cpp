@@ -74,14 +74,17 @@ void *decode_item_text(const RegistryReader &reg, Reader &r, uint32_t expected_c
     const uint64_t tag = hex_of(line.tag, line.tag_len);
     if (tag == 0 || tag > cls->max_tag || line.tag_len > 16) {
       const int n = static_cast<int>(line.tag_len);
-      ZT_LOG(kModule, fn, "Packet lineno: %d Tag %*.*s For Item Id %x(%s) Not Recognised (outside range) Ignoring This Tag",
-             r.lineno(), n, n, line.tag, id, name);
+      if (r.note_ignored_tag())
+        ZT_LOG(kModule, fn,
+               "Packet lineno: %d Tag %*.*s For Item Id %x(%s) Not Recognised (outside range) Ignoring This Tag",
+               r.lineno(), n, n, line.tag, id, name);
       continue;
     }
     const int32_t row = cls->find(tag);
     if (row < 0) {
-      ZT_LOG(kModule, fn, "Packet lineno: %d tag: %x Not Found in For Item: %x(%s) Ignoring Tag", r.lineno(),
-             static_cast<unsigned>(tag), id, name);
+      if (r.note_ignored_tag())
+        ZT_LOG(kModule, fn, "Packet lineno: %d tag: %x Not Found in For Item: %x(%s) Ignoring Tag", r.lineno(),
+               static_cast<unsigned>(tag), id, name);
       continue;
     }
     const Field &f = cls->fields[static_cast<size_t>(row)];
@@ -138,6 +141,12 @@ ZTListNode *decode_list_text(const RegistryReader &reg, Reader &r, uint32_t expe
 
 namespace {
 
+// The summary of the ignored tags that were not logged one by one.
+void log_unlogged_tags(const Reader &r, const char *function) {
+  if (const uint64_t more = r.unlogged_ignored_tags())
+    ZT_LOG(kModule, function, "... and %llu more tags ignored", static_cast<unsigned long long>(more));
+}
+
 Reader reader_of(const ZTPacketMemory *pm) {
   const char *start = pm->data != nullptr ? pm->data + pm->read_offset : nullptr;
   const char *end = pm->data != nullptr ? pm->data + pm->body_length : nullptr;
@@ -166,6 +175,7 @@ ZT_API void *MakeItemFromPacket(ZTPacketMemory *pm, uint32_t class_number) {
     }
     Reader r = reader_of(pm);
     void *item = decode_item_text(reg, r, class_number);
+    log_unlogged_tags(r, "MakeItemFromPacket");
     if (item != nullptr) pm->read_offset = static_cast<uint64_t>(r.position() - pm->data);
     return item;
   });
@@ -185,6 +195,7 @@ ZT_API ZTListNode *MakeListFromPacket(ZTPacketMemory *pm, uint32_t class_number)
     Reader r = reader_of(pm);
     bool ok = false;
     ZTListNode *list = decode_list_text(reg, r, class_number, ok);
+    log_unlogged_tags(r, "MakeListFromPacket");
     if (ok) pm->read_offset = static_cast<uint64_t>(r.position() - pm->data);
     return list;
   });

@@ -113,6 +113,15 @@ class Reader {
     p_ = lf + 1;
     return true;
   }
+  // Ignored tags are counted per body: the first few are logged one by one,
+  // the rest in one summary, so a hostile body cannot fill the log with a
+  // record per line. True when this one is still to be logged.
+  static constexpr uint64_t kLoggedIgnoredTags = 3;
+  bool note_ignored_tag() { return ++ignored_tags_ <= kLoggedIgnoredTags; }
+  uint64_t unlogged_ignored_tags() const {
+    return ignored_tags_ > kLoggedIgnoredTags ? ignored_tags_ - kLoggedIgnoredTags : 0;
+  }
+
   // Whether the next line's tag is `two` (two characters), without consuming it.
   bool peek_is(const char *two) const {
     return remaining() >= 3 && p_[0] == two[0] && p_[1] == two[1] && p_[2] == ' ';
@@ -122,6 +131,7 @@ class Reader {
   const char *p_;
   const char *end_;
   int lineno_ = 0;
+  uint64_t ignored_tags_ = 0;
 };
 
 // Digits until a blank or the end of the token; advances `p`.

@@ -321,6 +321,26 @@ TEST_F(PacketsText, UnknownTagsAreSkipped) {
   ZTPacketFreeItem(g, 300);
 }
 
+// One record a bad line made a 1 MiB body write 209,711 records (30 times its
+// size in log). A body logs its first few ignored tags and then one summary.
+TEST_F(PacketsText, IgnoredTagsLogAFewRecordsAndOneSummary) {
+  std::string body = "SL 64\n";
+  for (int item = 0; item < 50; ++item) {
+    body += "SI 64\n1 7\n";
+    for (int i = 0; i < 2000; ++i) body += "99 x\n";
+    body += "TI 0\n";
+  }
+  body += "TL 0\n";
+  PacketMemoryPtr pm = packet_of(body);
+  ZTListNode *list = MakeListFromPacket(pm.get(), ZT_CLASS_TEST_CHILD);
+  ASSERT_NE(list, nullptr);
+  const auto lines = log_.lines();
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[3].message, "... and 99997 more tags ignored");
+  log_.clear();
+  ZTPacketFreeList(&list, ZT_CLASS_TEST_CHILD);
+}
+
 TEST_F(PacketsText, ArraysBinaryAndStringsCheckTheirData) {
   const Damaged cases[] = {
       {"SI 65\n22 2 0g00\nTI 0\n", "BINARY Data Expecting 2 Bytes Currrenty on: 0 and encountered invalid character: 67"},
