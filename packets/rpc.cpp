@@ -1,4 +1,5 @@
 // The RPC value stream: typed, length-prefixed items on a socket.
+#include "foundation/byte_order.h"
 #include "foundation/internal.h"
 #include "packets/socket_io.h"
 
@@ -38,21 +39,6 @@ namespace {
 constexpr const char *kModule = "zt_rpc";
 constinit std::atomic<uint64_t> g_max_item{ZT_RPC_DEFAULT_ITEM_LIMIT};
 constinit std::atomic<uint64_t> g_max_file{ZT_RPC_DEFAULT_FILE_LIMIT};
-
-void put32(unsigned char *p, uint32_t v) {
-  p[0] = static_cast<unsigned char>(v >> 24);
-  p[1] = static_cast<unsigned char>(v >> 16);
-  p[2] = static_cast<unsigned char>(v >> 8);
-  p[3] = static_cast<unsigned char>(v);
-}
-void put64(unsigned char *p, uint64_t v) {
-  put32(p, static_cast<uint32_t>(v >> 32));
-  put32(p + 4, static_cast<uint32_t>(v));
-}
-uint32_t get32(const unsigned char *p) {
-  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
-}
-uint64_t get64(const unsigned char *p) { return uint64_t{get32(p)} << 32 | get32(p + 4); }
 
 int protocol_of(const char *name) {
   if (name == nullptr) return 0;
@@ -126,8 +112,8 @@ int need(ZTRPC *ch, uint64_t n) {
 
 int append_item(ZTRPC *ch, uint32_t type, const void *data, uint64_t length) {
   unsigned char head[ZT_RPC_ITEM_HEADER];
-  put32(head, type);
-  put64(head + 4, length);
+  zt::store_be32(head, type);
+  zt::store_be64(head + 4, length);
   if (ch == nullptr || ZT_MemBufAppend(ch->output, head, sizeof head) != 0) return -1;
   if (length != 0 && ZT_MemBufAppend(ch->output, data, length) != 0) return -1;
   return 0;
@@ -135,7 +121,7 @@ int append_item(ZTRPC *ch, uint32_t type, const void *data, uint64_t length) {
 
 int append_u32(ZTRPC *ch, uint32_t type, uint32_t v) {
   unsigned char b[4];
-  put32(b, v);
+  zt::store_be32(b, v);
   return append_item(ch, type, b, 4);
 }
 
@@ -389,14 +375,14 @@ ZT_API int32_t ZTRPC_WriteString(ZTRPC *ch, const char *string) {
 ZT_API int32_t ZTRPC_WriteZTKEY(ZTRPC *ch, const ZTKEY *key) {
   if (key == nullptr) return -1;
   unsigned char b[8];
-  put32(b, key->word2);
-  put32(b + 4, key->word1);
+  zt::store_be32(b, key->word2);
+  zt::store_be32(b + 4, key->word1);
   return append_item(ch, ZT_RPC_ZTKEY, b, 8);
 }
 
 ZT_API int32_t ZTRPC_Write_ZT_off_t(ZTRPC *ch, uint64_t value) {
   unsigned char b[8];
-  put64(b, value);
+  zt::store_be64(b, value);
   return append_item(ch, ZT_RPC_OFF_T, b, 8);
 }
 
@@ -415,8 +401,8 @@ ZT_API int32_t ZTRPC_WritePacketable(ZTRPC *ch, const void *record, uint32_t sto
                                 : MakePacketDataFromItem(pm, record, storage_class);
     if (rc != 0) return -1;
     unsigned char head[ZT_RPC_ITEM_HEADER];
-    put32(head, ZT_RPC_PACKETABLE);
-    put64(head + 4, pm->body_length + 48);
+    zt::store_be32(head, ZT_RPC_PACKETABLE);
+    zt::store_be64(head + 4, pm->body_length + 48);
     if (ZT_MemBufAppend(ch->output, head, sizeof head) != 0 || append_u32(ch, ZT_RPC_ULONG, storage_class) != 0 ||
         append_u32(ch, ZT_RPC_ULONG, flags) != 0 ||
         append_u32(ch, ZT_RPC_ULONG, static_cast<uint32_t>(pm->body_length)) != 0 ||
@@ -459,8 +445,8 @@ ZT_API int32_t ZTRPC_WriteFile(ZTRPC *ch, const char *path) {
   FdCloser closer{fd};
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   unsigned char head[ZT_RPC_ITEM_HEADER];
-  put32(head, ZT_RPC_FILE_DATA);
-  put64(head + 4, size);
+  zt::store_be32(head, ZT_RPC_FILE_DATA);
+  zt::store_be64(head + 4, size);
   if (append_item(ch, ZT_RPC_FILE_START, nullptr, 0) != 0 || ZTRPC_WriteString(ch, path) != 0 ||
       ZT_MemBufAppend(ch->output, head, sizeof head) != 0 || ZTRPC_WriteFlush(ch) != 0)
     return -1;
@@ -512,8 +498,8 @@ ZT_API int32_t ZTRPC_ReadHeader(ZTRPC *ch, uint32_t *type, uint64_t *length) {
     return -1;
   }
   if (need(ch, ZT_RPC_ITEM_HEADER) != 0) return -1;
-  *type = get32(input_at(ch));
-  *length = get64(input_at(ch) + 4);
+  *type = zt::load_be32(input_at(ch));
+  *length = zt::load_be64(input_at(ch) + 4);
   consume(ch, ZT_RPC_ITEM_HEADER);
   return 0;
 }
@@ -521,36 +507,36 @@ ZT_API int32_t ZTRPC_ReadHeader(ZTRPC *ch, uint32_t *type, uint64_t *length) {
 ZT_API int32_t ZTRPC_ReadULong(ZTRPC *ch, uint32_t *value) {
   unsigned char b[4];
   if (read_fixed(ch, ZT_RPC_ULONG, b, 4, "ZTRPC_ReadULong") != 0) return -1;
-  *value = get32(b);
+  *value = zt::load_be32(b);
   return 0;
 }
 
 ZT_API int32_t ZTRPC_ReadLong(ZTRPC *ch, int32_t *value) {
   unsigned char b[4];
   if (read_fixed(ch, ZT_RPC_LONG, b, 4, "ZTRPC_ReadLong") != 0) return -1;
-  *value = static_cast<int32_t>(get32(b));
+  *value = static_cast<int32_t>(zt::load_be32(b));
   return 0;
 }
 
 ZT_API int32_t ZTRPC_ReadRPC(ZTRPC *ch, uint32_t *code) {
   unsigned char b[4];
   if (read_fixed(ch, ZT_RPC_REQUEST, b, 4, "ZTRPC_ReadRPC") != 0) return -1;
-  *code = get32(b);
+  *code = zt::load_be32(b);
   return 0;
 }
 
 ZT_API int32_t ZTRPC_Read_ZT_off_t(ZTRPC *ch, uint64_t *value) {
   unsigned char b[8];
   if (read_fixed(ch, ZT_RPC_OFF_T, b, 8, "ZTRPC_Read_ZT_off_t") != 0) return -1;
-  *value = get64(b);
+  *value = zt::load_be64(b);
   return 0;
 }
 
 ZT_API int32_t ZTRPC_ReadZTKEY(ZTRPC *ch, ZTKEY *key) {
   unsigned char b[8];
   if (read_fixed(ch, ZT_RPC_ZTKEY, b, 8, "ZTRPC_ReadZTKEY") != 0) return -1;
-  key->word2 = get32(b);
-  key->word1 = get32(b + 4);
+  key->word2 = zt::load_be32(b);
+  key->word1 = zt::load_be32(b + 4);
   return 0;
 }
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "foundation/internal.h"
+#include "foundation/byte_order.h"
 #include "raster/ccitt_g4_internal.h"
 #include "raster/ccitt_g4_tables.h"
 #include "raster/compress_internal.h"
@@ -85,13 +86,6 @@ constexpr auto kWhiteRuns = make_run_table(g4::kWhiteTerm, g4::kWhiteMakeup);
 constexpr auto kBlackRuns = make_run_table(g4::kBlackTerm, g4::kBlackMakeup);
 
 // ---- Rows and their changing elements --------------------------------------
-
-inline uint64_t load_be64(const uint8_t *p) noexcept {
-  uint64_t v;
-  std::memcpy(&v, p, sizeof v);
-  if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-  return v;
-}
 
 // The first pixel at or after `pos` (< width) not of `colour`, or the width.
 // Bits past the width in the last byte are never taken for pixels.

@@ -7,6 +7,8 @@
 
 #include <zt/compress.h>
 
+#include "foundation/byte_order.h"
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -21,15 +23,6 @@ constexpr const char *kCompressModule = "compress";
 constexpr size_t kFail = SIZE_MAX;
 
 constexpr uint32_t kCodecs = ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE | ZT_COMPRESS_LZJB | ZT_COMPRESS_LZ4;
-
-// A big-endian 32-bit value from four bytes anywhere: how the bit readers
-// take their input.
-inline uint32_t load_be32(const uint8_t *p) noexcept {
-  uint32_t v;
-  std::memcpy(&v, p, sizeof v);
-  if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap32(v);
-  return v;
-}
 
 // ---- PackBits ---------------------------------------------------------------
 

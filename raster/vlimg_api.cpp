@@ -140,7 +140,7 @@ bool finish_page(VLIMG_File *f, const char *fn) {
   if (f->link_pos != 0) {
     // The page joins the chain only now that all of it is on disk.
     uint8_t b[8];
-    put_be64(b, f->page_start);
+    zt::store_be64(b, f->page_start);
     if (!f->io.pwrite_at(b, 8, f->link_pos)) {
       ZT_LOG(kModule, fn, "Failed to write to disk");
       return false;
@@ -944,7 +944,7 @@ ZT_API int32_t VLIMG_ClearMipmaps(VLIMG_File *file) {
     if (!scan_page(file, file->base_page_start, &base, fn)) return -1;
     FileIo out;
     uint8_t b[8];
-    put_be64(b, after);
+    zt::store_be64(b, after);
     if (!out.open(file->name, O_RDWR, false) || !out.pwrite_at(b, 8, base.value_pos)) {
       ZT_LOG(kModule, fn, "Failed to write to disk");
       return -1;

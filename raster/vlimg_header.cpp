@@ -125,13 +125,13 @@ struct ItemReader {
   bool u32(uint32_t *v) {
     uint8_t b[4];
     if (!io.read(b, 4)) return false;
-    *v = get_be32(b);
+    *v = zt::load_be32(b);
     return true;
   }
   bool u64(uint64_t *v) {
     uint8_t b[8];
     if (!io.read(b, 8)) return false;
-    *v = get_be64(b);
+    *v = zt::load_be64(b);
     return true;
   }
   bool f32(float *v) {
@@ -402,11 +402,11 @@ int32_t read_header(VLIMG_File *f, const char *fn) {
         for (uint32_t i = 0; i < count; ++i) {
           const uint8_t *p = raw.data() + size_t{i} * kTileEntrySize;
           VLIMG_TileEntry &e = h.tiles[i];
-          e.width = get_be32(p);
-          e.height = get_be32(p + 4);
-          e.offset = get_be64(p + 8);
-          e.size = get_be32(p + 16);
-          e.flags = get_be32(p + 20);
+          e.width = zt::load_be32(p);
+          e.height = zt::load_be32(p + 4);
+          e.offset = zt::load_be64(p + 8);
+          e.size = zt::load_be32(p + 16);
+          e.flags = zt::load_be32(p + 20);
           if (e.width > h.width || e.height > h.height || e.offset < 1) {
             ZT_LOG(
                 kModule, fn,
@@ -514,39 +514,39 @@ struct ItemWriter {
   FileIo &io;
   bool item(uint32_t tag, uint16_t type, uint32_t count, const void *payload, uint32_t n) {
     uint8_t head[14];
-    put_be32(head, tag);
-    put_be32(head + 4, n + 6);
-    put_be16(head + 8, type);
-    put_be32(head + 10, count);
+    zt::store_be32(head, tag);
+    zt::store_be32(head + 4, n + 6);
+    zt::store_be16(head + 8, type);
+    zt::store_be32(head + 10, count);
     return io.write(head, 14) && (n == 0 || io.write(payload, n));
   }
   bool u16(uint32_t tag, uint32_t v) {
     uint8_t b[2];
-    put_be16(b, static_cast<uint16_t>(v));
+    zt::store_be16(b, static_cast<uint16_t>(v));
     return item(tag, kTypeU16, 1, b, 2);
   }
   bool u32(uint32_t tag, uint32_t v) {
     uint8_t b[4];
-    put_be32(b, v);
+    zt::store_be32(b, v);
     return item(tag, kTypeU32, 1, b, 4);
   }
   bool u64(uint32_t tag, uint64_t v) {
     uint8_t b[8];
-    put_be64(b, v);
+    zt::store_be64(b, v);
     return item(tag, kTypeU64, 1, b, 8);
   }
   bool f32(uint32_t tag, float v) {
     uint32_t bits = 0;
     std::memcpy(&bits, &v, 4);
     uint8_t b[4];
-    put_be32(b, bits);
+    zt::store_be32(b, bits);
     return item(tag, kTypeFloat, 1, b, 4);
   }
   bool f64(uint32_t tag, double v) {
     uint64_t bits = 0;
     std::memcpy(&bits, &v, 8);
     uint8_t b[8];
-    put_be64(b, bits);
+    zt::store_be64(b, bits);
     return item(tag, kTypeDouble, 1, b, 8);
   }
   bool text(uint32_t tag, const std::string &s) {
@@ -638,9 +638,9 @@ int32_t write_header(VLIMG_File *f, const char *fn) {
     std::vector<uint8_t> array(h.planes * (h.bpp_tag == 20 ? 4u : 2u));
     for (uint32_t i = 0; i < h.planes; ++i) {
       if (h.bpp_tag == 20)
-        put_be32(array.data() + 4 * i, h.bpp[i]);
+        zt::store_be32(array.data() + 4 * i, h.bpp[i]);
       else
-        put_be16(array.data() + 2 * i, static_cast<uint16_t>(h.bpp[i]));
+        zt::store_be16(array.data() + 2 * i, static_cast<uint16_t>(h.bpp[i]));
     }
     ok = out.item(h.bpp_tag == 20 ? 20 : 19, h.bpp_tag == 20 ? kTypeU32 : kTypeU16, h.planes, array.data(),
                   static_cast<uint32_t>(array.size()));
@@ -664,10 +664,10 @@ int32_t write_header(VLIMG_File *f, const char *fn) {
     ok = out.u32(23, h.tile_width) && out.u32(24, h.tile_height);
     // The table's place is kept now and filled once every tile has its offset.
     uint8_t head[14];
-    put_be32(head, 25);
-    put_be32(head + 4, n * kTileEntrySize + 6);
-    put_be16(head + 8, kTypeU32);
-    put_be32(head + 10, n);
+    zt::store_be32(head, 25);
+    zt::store_be32(head + 4, n * kTileEntrySize + 6);
+    zt::store_be16(head + 8, kTypeU32);
+    zt::store_be32(head + 10, n);
     ok = ok && f->io.write(head, 14);
     f->table_pos = f->io.tell();
     static const uint8_t kZero[kTileEntrySize] = {};
@@ -695,11 +695,11 @@ bool finish_tile_table(VLIMG_File *f, const char *fn) {
   std::vector<uint8_t> table(tiles.size() * kTileEntrySize);
   for (size_t i = 0; i < tiles.size(); ++i) {
     uint8_t *p = table.data() + i * kTileEntrySize;
-    put_be32(p, tiles[i].width);
-    put_be32(p + 4, tiles[i].height);
-    put_be64(p + 8, tiles[i].offset);
-    put_be32(p + 16, tiles[i].size);
-    put_be32(p + 20, tiles[i].flags);
+    zt::store_be32(p, tiles[i].width);
+    zt::store_be32(p + 4, tiles[i].height);
+    zt::store_be64(p + 8, tiles[i].offset);
+    zt::store_be32(p + 16, tiles[i].size);
+    zt::store_be32(p + 20, tiles[i].flags);
   }
   if (!f->io.flush()) {
     ZT_LOG(kModule, fn, "Failed to write to disk");
@@ -719,7 +719,7 @@ bool scan_page(VLIMG_File *f, uint64_t offset, PageLink *link, const char *fn) {
   const uint64_t size = io.size();
   uint8_t prologue[10];
   if (offset > size || size - offset < 10 || !io.pread_at(prologue, 10, offset) || prologue[0] != 0x42 ||
-      prologue[1] != 0x42 || get_be32(prologue + 2) != kMagic) {
+      prologue[1] != 0x42 || zt::load_be32(prologue + 2) != kMagic) {
     ZT_LOG(kModule, fn, "No VLIMG page at offset %llu", static_cast<unsigned long long>(offset));
     return false;
   }
@@ -731,7 +731,7 @@ bool scan_page(VLIMG_File *f, uint64_t offset, PageLink *link, const char *fn) {
       ZT_LOG(kModule, fn, "%s", kReadError);
       return false;
     }
-    const uint32_t tag = get_be32(head), length = get_be32(head + 4);
+    const uint32_t tag = zt::load_be32(head), length = zt::load_be32(head + 4);
     if (length < 6 || length - 6 > size - pos - 14) {
       ZT_LOG(kModule, fn, "Item %u at offset %llu has a length of %u that does not fit the file", tag,
              static_cast<unsigned long long>(pos), length);
@@ -740,11 +740,11 @@ bool scan_page(VLIMG_File *f, uint64_t offset, PageLink *link, const char *fn) {
     uint8_t value[8];
     if (tag == 32 && length == 14) {
       if (!io.pread_at(value, 8, pos + 14)) return false;
-      link->next = get_be64(value);
+      link->next = zt::load_be64(value);
       link->value_pos = pos + 14;
     } else if (tag == 30 && length == 10) {
       if (!io.pread_at(value, 4, pos + 14)) return false;
-      link->level = get_be32(value);
+      link->level = zt::load_be32(value);
     } else if (tag == 16) {
       return true;
     }

@@ -3,6 +3,7 @@
 // description of the bytes; this header is how we hold them.
 #pragma once
 
+#include "foundation/byte_order.h"
 #include <zt/compress.h>
 #include <zt/threads.h>
 #include <zt/vlimg.h>
@@ -31,22 +32,6 @@ constexpr uint32_t kTileEntrySize = 24;
 // length (two u32).
 constexpr uint32_t kBlockHeaderSize = 8;
 constexpr uint64_t kNoNextPage = UINT64_MAX;
-
-// Byte order on disk.
-inline void put_be16(uint8_t *p, uint16_t v) {
-  p[0] = static_cast<uint8_t>(v >> 8);
-  p[1] = static_cast<uint8_t>(v);
-}
-inline void put_be32(uint8_t *p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-}
-inline void put_be64(uint8_t *p, uint64_t v) {
-  for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
-}
-inline uint32_t get_be32(const uint8_t *p) {
-  return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
-inline uint64_t get_be64(const uint8_t *p) { return uint64_t{get_be32(p)} << 32 | get_be32(p + 4); }
 
 // The file underneath: positioned reads and writes through one 64 KB buffer.
 // Reads of a file that is still growing wait 8 ms once when they find nothing.

@@ -153,8 +153,8 @@ bool encode_block(const Codec &c, Slot &s, const uint8_t *src, uint32_t n) {
   } else if (delta16) {
     flags |= ZT_COMPRESS_DELTA;
   }
-  put_be32(s.stored.data(), flags);
-  put_be32(s.stored.data() + 4, size);
+  zt::store_be32(s.stored.data(), flags);
+  zt::store_be32(s.stored.data() + 4, size);
   s.stored_size = size + kBlockHeaderSize;
   s.block_flags = flags;
   return true;
@@ -171,7 +171,7 @@ bool decode_block(const Codec &c, Slot &s, const uint8_t *stored, uint32_t store
     return true;
   }
   if (stored_size < kBlockHeaderSize) return false;
-  const uint32_t flags = get_be32(stored), size = get_be32(stored + 4);
+  const uint32_t flags = zt::load_be32(stored), size = zt::load_be32(stored + 4);
   const uint8_t *payload = stored + kBlockHeaderSize;
   if (size != stored_size - kBlockHeaderSize || size > n) {
     ZT_LOG(kModule, fn, "A block announces %u bytes where %u are stored and at most %u are allowed", size,
@@ -448,7 +448,7 @@ int32_t read_line(VLIMG_File *f, uint8_t *line, const char *fn) {
   } else {
     uint8_t head[kBlockHeaderSize];
     if (f->io.read(head, kBlockHeaderSize)) {
-      const uint32_t size = get_be32(head + 4);
+      const uint32_t size = zt::load_be32(head + 4);
       if (size <= n) {
         s.stored.resize(size_t{size} + kBlockHeaderSize);
         std::memcpy(s.stored.data(), head, kBlockHeaderSize);
