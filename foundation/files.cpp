@@ -76,17 +76,21 @@ int read_first_line(const char *path, char *line, size_t limit) {
 
 // The unsigned decimal a sequence file starts with, or false when there is
 // none or it does not fit 32 bits (strtoul would saturate it, and the next
-// number would then wrap to 0 and be written back without a word).
+// number would then wrap to 0 and be written back without a word). Numbers
+// are written back with "%d", so one above 2^31 comes back negative; a sign
+// is read the way a 32-bit strtoul reads it (negated modulo 2^32), which
+// gives back the number that was written.
 bool parse_sequence_number(const char *line, uint32_t *out) {
-  const char *p = line;
-  while (*p == ' ' || *p == '\t') ++p;
+  const char *p = line + std::strspn(line, " \t");
+  const bool negative = *p == '-';
+  if (*p == '-' || *p == '+') ++p;
   if (*p < '0' || *p > '9') return false;
   uint64_t value = 0;
   for (; *p >= '0' && *p <= '9'; ++p) {
     value = value * 10 + static_cast<uint64_t>(*p - '0');
     if (value > UINT32_MAX) return false;
   }
-  *out = static_cast<uint32_t>(value);
+  *out = negative ? static_cast<uint32_t>(0u - static_cast<uint32_t>(value)) : static_cast<uint32_t>(value);
   return true;
 }
 
@@ -114,6 +118,7 @@ uint32_t load_unique_number() {
   // A first line without digits reads as 0, as an unsigned decimal parse
   // gives; one too large for 32 bits is refused.
   const char *p = line + std::strspn(line, " \t");
+  if (*p == '-' || *p == '+') ++p;
   if (*p < '0' || *p > '9') return 0;
   uint32_t value = 0;
   if (!parse_sequence_number(line, &value)) {

@@ -167,6 +167,25 @@ TEST_F(SequenceFiles, NumbersBeyondThirtyTwoBitsAreRefused) {
   EXPECT_EQ(capture.count(), 0u);
 }
 
+// Numbers go back with "%d": one above 2^31 is written negative and must be
+// read back as the number that was written, not refused and restarted at 1.
+TEST_F(SequenceFiles, NumbersAboveTwoToTheThirtyOneSurviveARestart) {
+  write_file(root_.file("etc/jobid.seq"), "4254967295\n");
+  write_file(root_.file("etc/mktmp.seq"), "3000000000\n");
+  LogCapture capture;
+  ZT_InitSubSystems2();
+  EXPECT_EQ(ZTNextJobNumber(), 4254967295u);
+  EXPECT_EQ(ZTNextUniqueNumber(), 3000000000u);
+  ZT_DeInitSubSystems2();
+  EXPECT_EQ(read_file(root_.file("etc/jobid.seq")), "-40000000\n");
+  EXPECT_EQ(read_file(root_.file("etc/mktmp.seq")), "-1294967295\n");
+  ZT_InitSubSystems2();
+  EXPECT_EQ(ZTNextJobNumber(), 4254967296u);
+  EXPECT_EQ(ZTNextUniqueNumber(), 3000000001u);
+  ZT_DeInitSubSystems2();
+  EXPECT_EQ(capture.count(), 0u);
+}
+
 TEST_F(SequenceFiles, PageSetupReferenceCache) {
   uint32_t id = 0;
   EXPECT_EQ(addPagesetupRef(1, 1), -1);  // before ZT_InitSubSystems2
