@@ -121,7 +121,7 @@ int main(int argc, char **argv) {
   std::signal(SIGHUP, on_signal);
   std::signal(SIGPIPE, SIG_IGN);
   if (argc < 2) {
-    print_help("", stderr);
+    std::fputs("zt: no command given (zt --help lists them)\n", stderr);
     return kUsage;
   }
   const std::string command = argv[1];

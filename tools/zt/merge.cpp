@@ -36,9 +36,15 @@ void copy_page(VlimgReader &r, const std::string &target, const std::string &sho
                        VLIMG_TAG_NUMSEPS, VLIMG_TAG_RESOLUTIONUNIT, VLIMG_TAG_COLOURSPACE, VLIMG_TAG_ORIENTATION,
                        VLIMG_TAG_TILEFLAGS, VLIMG_TAG_PAGENUMBER})
     copy_u32(tag);
-  for (uint32_t tag : {VLIMG_TAG_XRESOLUTION, VLIMG_TAG_YRESOLUTION, VLIMG_TAG_DESCRIPTION, VLIMG_TAG_SOFTWARE,
-                       VLIMG_TAG_SEPNAMES, VLIMG_TAG_ICCPROFILE, VLIMG_TAG_TILEBLOB1, VLIMG_TAG_TILEBLOB2})
+  for (uint32_t tag : {VLIMG_TAG_XRESOLUTION, VLIMG_TAG_YRESOLUTION, VLIMG_TAG_ICCPROFILE, VLIMG_TAG_TILEBLOB1,
+                       VLIMG_TAG_TILEBLOB2})
     copy_any(tag);
+  // Text items come out as a pointer and go in as the text itself.
+  for (uint32_t tag : {VLIMG_TAG_DESCRIPTION, VLIMG_TAG_SOFTWARE, VLIMG_TAG_SEPNAMES}) {
+    const char *text = nullptr;
+    if (VLIMG_GetField(in, tag, &text) == 0 && text && VLIMG_SetField(out, tag, text) != 0)
+      fail_lib(shown + ": header item " + std::to_string(tag));
+  }
   std::vector<uint32_t> bpp(VLIMG_MAX_PLANES);
   if (VLIMG_GetField(in, VLIMG_TAG_BPP_ARRAY, bpp.data()) != 0 || VLIMG_SetField(out, VLIMG_TAG_BPP_ARRAY, bpp.data()) != 0)
     fail_lib(shown + ": bits-per-pixel array");

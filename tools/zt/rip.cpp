@@ -16,6 +16,7 @@
 #include <fstream>
 #include <sstream>
 
+#include <zt/random.h>
 #include <zt/resample.h>
 #include <zt/scanlinebuf.h>
 #include <zt/screening.h>
@@ -273,7 +274,14 @@ class ImageLines : public LineSource {
 // The screening objects of one page, one a channel.
 class Screens {
  public:
-  Screens(const RipOptions &o, const PaperProfile *paper, uint32_t width) {
+  // Error diffusion draws its weight table (shared through the library's
+  // cache) and each channel's start in it from the library's generator. A
+  // page is to come out the same whether it is ripped alone or after others
+  // (so that slices ripped apart merge into the file one run makes): the
+  // table is made first from a fixed seed, whether or not the cache already
+  // holds it, and the starts from a seed of the page's number.
+  Screens(const RipOptions &o, const PaperProfile *paper, uint32_t width, uint32_t page_number) {
+    ScreeningObject *warm = nullptr;
     for (uint32_t c = 0; c < 4; ++c) {
       ScreeningSettings s{};
       s.mode = o.screen == "ed"          ? ZT_SCREEN_STOCHASTIC
@@ -297,6 +305,12 @@ class Screens {
         s.yuleNielsen = paper->yule_nielsen;
       }
       Library::clear_message();
+      if (c == 0 && s.mode == ZT_SCREEN_STOCHASTIC) {
+        ZT_randomSeed(0x7A7);
+        warm = CreateScreeningObject(&s, width, 8);
+        if (!warm) fail_lib("cannot make the 'ed' screen");
+        ZT_randomSeed(0x7A70000ull + page_number);
+      }
       objects[c] = CreateScreeningObject(&s, width, 8);
       if (!objects[c]) fail_lib("cannot make the '" + o.screen + "' screen for channel " + std::to_string(c + 1));
       // Printed density of each dot code, for the preview.
@@ -306,6 +320,7 @@ class Screens {
         if (obj->dotCodes && obj->densities && obj->dotCodes[l] < 256) density[c][obj->dotCodes[l]] = static_cast<uint8_t>(obj->densities[l]);
       if (obj->levels == 2 && (!obj->dotCodes || !obj->densities)) density[c][1] = 255;
     }
+    DestroyScreeningObject(warm);
   }
   ~Screens() {
     for (ScreeningObject *o : objects) DestroyScreeningObject(o);
@@ -449,7 +464,7 @@ void rip_page(const RipOptions &o, const PaperProfile *paper, const Profiles &pr
       VLIMG_EnableTiling(vf, tile, tile) != 0)
     fail_lib(o.output + ": cannot set up the page header");
 
-  Screens screens(o, paper, w);
+  Screens screens(o, paper, w, page_number);
   const size_t in_row = static_cast<size_t>(w) * src.channels;
   std::vector<uint8_t> in_band(in_row * tile), ink_band(static_cast<size_t>(w) * 4 * tile);
   const uint32_t out_bytes = screens.objects[0]->outputBytes;
