@@ -56,6 +56,9 @@ without it the built-in A4 test page is drawn at the device resolution.
   --threads N              worker threads (default: all cores)
   --pages A-B              rip only pages A to B of the input (1-based)
   --input-dpi X            resolution assumed for inputs that state none (default 72)
+  --page-size A4           size of the built-in page: A0 ... A4 (default A4)
+  --bits B                 output bits a plane (default: the fewest that hold the levels)
+  -q, --quiet / -v, --verbose   no progress / progress and the library's messages
 )"},
     {"info", R"(usage: zt info FILE.vlimg [--json]
 
@@ -65,7 +68,7 @@ Every header item by name for each page, its tiles, codecs and sizes.
 
 Writes page N (1-based, default 1) as an image: 8-bit codes scaled to full
 range, one plane with --channel K (1-based) as a grey image, else every plane
-(CMYK as a CMYK TIFF, or the planes side by side in a PNG).
+(a CMYK page as a CMYK TIFF; PNG takes one plane or three).
 )"},
     {"merge", R"(usage: zt merge A.vlimg B.vlimg ... -o OUT.vlimg
 
@@ -78,10 +81,11 @@ Prints the records of DIR/errors.log (DIR: --root, else $ZT_ROOT, else the
 current folder) as "time module function message"; --trim rewrites the file
 keeping well-formed records not older than --max-age (0: all).
 )"},
-    {"page", R"(usage: zt page -o OUT.png|OUT.tif [--dpi X[xY]] [--scale S]
+    {"page", R"(usage: zt page -o OUT.tif|OUT.png|OUT.ps [--dpi X[xY]] [--page-size A4]
 
-Writes the built-in test page (CMYK, in the output profile's space) as an
-image: a 16-bit CMYK TIFF, or for PNG an sRGB rendering. --scale shrinks it.
+Writes the built-in test page (in the default press profile's inks) as an
+image: an 8-bit CMYK TIFF, an sRGB PNG, or a PostScript page holding the CMYK
+image (for other renderers). Default 150 dpi.
 )"},
     {"paper-profile", R"(Paper-profile files (--paper-profile): plain text, one drop a line,
 lightest first (the first is the bare paper), '#' starts a comment:

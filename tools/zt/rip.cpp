@@ -47,6 +47,7 @@ struct RipOptions {
   bool pages_given = false;
   uint32_t preview_size = 2000;
   double input_dpi = 72.0;
+  uint32_t page_size = 4;  // built-in page: A4
 };
 
 void parse_dpi(const std::string &text, uint32_t &x, uint32_t &y) {
@@ -65,7 +66,11 @@ RipOptions parse(int argc, char **argv) {
     else if (a.option("--preview", v)) o.preview = v;
     else if (a.option("--preview-size", v)) o.preview_size = parse_u32("--preview-size", v, 16, 100000);
     else if (a.option("--dpi", v)) parse_dpi(v, o.xdpi, o.ydpi);
-    else if (a.option("--input-dpi", v)) o.input_dpi = parse_double("--input-dpi", v, 1, 100000);
+    else if (a.option("--page-size", v)) {
+      if (v.size() != 2 || (v[0] != 'A' && v[0] != 'a') || v[1] < '0' || v[1] > '4')
+        usage_error("--page-size: '" + v + "' is not A0, A1, A2, A3 or A4");
+      o.page_size = static_cast<uint32_t>(v[1] - '0');
+    } else if (a.option("--input-dpi", v)) o.input_dpi = parse_double("--input-dpi", v, 1, 100000);
     else if (a.option("--levels", v)) o.levels = parse_u32("--levels", v, 2, 65536), levels_given = true;
     else if (a.option("--bits", v)) o.bits = parse_u32("--bits", v, 1, 8);
     else if (a.option("--paper-profile", v)) o.paper_profile = v;
@@ -186,7 +191,7 @@ class LineSource {
 
 class TestPageLines : public LineSource {
  public:
-  TestPageLines(uint32_t xdpi, uint32_t ydpi) : page_(xdpi, ydpi) {
+  TestPageLines(uint32_t xdpi, uint32_t ydpi, uint32_t size) : page_(xdpi, ydpi, size) {
     width = page_.width();
     height = page_.height();
     channels = 4;
@@ -567,7 +572,7 @@ int cmd_rip(int argc, char **argv) {
     std::string icc_name = o.input_profile;
     uint32_t channels = 4;
     if (o.input.empty()) {
-      lines = std::make_unique<TestPageLines>(o.xdpi, o.ydpi);
+      lines = std::make_unique<TestPageLines>(o.xdpi, o.ydpi, o.page_size);
       label = "built-in page";
       if (!o.profile.empty()) {  // the page is drawn in the default press profile's inks
         icc = read_file_bytes(ZT_DEFAULT_CMYK_PROFILE);

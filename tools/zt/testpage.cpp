@@ -38,11 +38,17 @@ inline uint32_t hash(uint32_t a, uint32_t b) {
 
 }  // namespace
 
-TestPage::TestPage(uint32_t xdpi, uint32_t ydpi)
-    : width_(static_cast<uint32_t>(std::lround(kWidthMm / 25.4 * xdpi))),
-      height_(static_cast<uint32_t>(std::lround(kHeightMm / 25.4 * ydpi))),
-      xdpmm_(xdpi / 25.4),
-      ydpmm_(ydpi / 25.4) {
+namespace {
+// ISO A sizes in millimetres, A0 ... A4.
+constexpr double kIsoA[5][2] = {{841, 1189}, {594, 841}, {420, 594}, {297, 420}, {210, 297}};
+}  // namespace
+
+TestPage::TestPage(uint32_t xdpi, uint32_t ydpi, uint32_t size)
+    : width_(static_cast<uint32_t>(std::lround(kIsoA[size][0] / 25.4 * xdpi))),
+      height_(static_cast<uint32_t>(std::lround(kIsoA[size][1] / 25.4 * ydpi))),
+      // The layout is the A4 one, in millimetres of A4, stretched to the sheet.
+      xdpmm_(xdpi / 25.4 * kIsoA[size][0] / kWidthMm),
+      ydpmm_(ydpi / 25.4 * kIsoA[size][1] / kHeightMm) {
   // The photo-like area: smooth waves along x, combined with waves along y
   // per line, so a line costs a multiply-add a pixel.
   for (int c = 0; c < 4; ++c) {

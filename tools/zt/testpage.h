@@ -1,5 +1,5 @@
-// The built-in test page: A4 in the output's inks, drawn a line at a time at
-// any resolution.
+// The built-in test page: A4 (or the A4 layout stretched to a larger ISO
+// size) in the output's inks, drawn a line at a time at any resolution.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,8 @@ namespace zt::tool {
 
 class TestPage {
  public:
-  TestPage(uint32_t xdpi, uint32_t ydpi);
+  // `size` 4 is A4, 3 A3, ... 0 A0.
+  TestPage(uint32_t xdpi, uint32_t ydpi, uint32_t size = 4);
   uint32_t width() const { return width_; }
   uint32_t height() const { return height_; }
   // Line y as four rows (C, M, Y, K) of width() bytes each; 0 is no ink.
