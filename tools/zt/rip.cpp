@@ -10,6 +10,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -441,6 +444,52 @@ class Preview {
   uint32_t rows_ = 0, done_rows_ = 0;
 };
 
+// Two band slots between the reading thread and the screening thread.
+class BandPipe {
+ public:
+  explicit BandPipe(size_t bytes) : slots_{std::vector<uint8_t>(bytes), std::vector<uint8_t>(bytes)} {}
+  uint8_t *acquire_empty(uint32_t slot) {
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [&] { return !full_[slot] || aborted_; });
+    return aborted_ ? nullptr : slots_[slot].data();
+  }
+  void publish(uint32_t slot) {
+    std::lock_guard<std::mutex> hold(lock_);
+    full_[slot] = true;
+    changed_.notify_all();
+  }
+  // Fails with the reader's message when reading failed.
+  const uint8_t *acquire_full(uint32_t slot) {
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [&] { return full_[slot] || !error_.empty(); });
+    if (!full_[slot]) zt::tool::fail(error_);
+    return slots_[slot].data();
+  }
+  void release(uint32_t slot) {
+    std::lock_guard<std::mutex> hold(lock_);
+    full_[slot] = false;
+    changed_.notify_all();
+  }
+  void set_error(const std::string &message) {
+    std::lock_guard<std::mutex> hold(lock_);
+    error_ = message.empty() ? "reading failed" : message;
+    changed_.notify_all();
+  }
+  void abort() {
+    std::lock_guard<std::mutex> hold(lock_);
+    aborted_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::vector<uint8_t> slots_[2];
+  bool full_[2] = {false, false};
+  bool aborted_ = false;
+  std::string error_;
+};
+
 struct PageInput {
   bool builtin = true;
   std::unique_ptr<ImageSource> image;
@@ -471,7 +520,8 @@ void rip_page(const RipOptions &o, const PaperProfile *paper, const Profiles &pr
 
   Screens screens(o, paper, w, page_number);
   const size_t in_row = static_cast<size_t>(w) * src.channels;
-  std::vector<uint8_t> in_band(in_row * tile), ink_band(static_cast<size_t>(w) * 4 * tile);
+  std::vector<uint8_t> in_band(in_row * tile);
+  const size_t ink_band_bytes = static_cast<size_t>(w) * 4 * tile;
   const uint32_t out_bytes = screens.objects[0]->outputBytes;
   std::vector<uint8_t> screened(static_cast<size_t>(out_bytes) * 4 * tile);
   const size_t code_w = (static_cast<size_t>(w) + 7) / 8 * 8;
@@ -481,20 +531,47 @@ void rip_page(const RipOptions &o, const PaperProfile *paper, const Profiles &pr
   const uint32_t tiles_across = (w + tile - 1) / tile;
   const size_t tile_bytes = static_cast<size_t>(tile) * bits * 4 / 8;
 
+  // Reading, resampling and colour of the next band run on a thread of their
+  // own while this one screens, packs and writes the band before: two bands
+  // in flight, handed over through two slots.
+  BandPipe pipe(ink_band_bytes);
+  std::thread producer([&] {
+    try {
+      for (uint32_t y0 = 0, slot = 0; y0 < h; y0 += tile, slot ^= 1) {
+        uint8_t *ink = pipe.acquire_empty(slot);
+        if (!ink) return;  // the consumer gave up
+        const uint32_t lines = std::min(tile, h - y0);
+        for (uint32_t l = 0; l < lines; ++l) src.next(&in_band[l * in_row]);
+        link.convert(in_band.data(), ink, w, lines);
+        pipe.publish(slot);
+      }
+    } catch (const std::exception &e) {
+      pipe.set_error(e.what());
+    }
+  });
+  struct Joiner {
+    BandPipe &pipe;
+    std::thread &t;
+    ~Joiner() {
+      pipe.abort();
+      t.join();
+    }
+  } joiner{pipe, producer};
+
   Progress progress(label.c_str(), h);
-  for (uint32_t y0 = 0; y0 < h; y0 += tile) {
+  for (uint32_t y0 = 0, slot = 0; y0 < h; y0 += tile, slot ^= 1) {
     const uint32_t lines = std::min(tile, h - y0);
-    for (uint32_t l = 0; l < lines; ++l) src.next(&in_band[l * in_row]);
-    link.convert(in_band.data(), ink_band.data(), w, lines);
+    const uint8_t *ink = pipe.acquire_full(slot);
     void *inputs[4];
     uint8_t *outputs[4];
     for (int c = 0; c < 4; ++c) {
-      inputs[c] = &ink_band[static_cast<size_t>(c) * w];
+      inputs[c] = const_cast<uint8_t *>(&ink[static_cast<size_t>(c) * w]);
       outputs[c] = &screened[static_cast<size_t>(c) * out_bytes];
     }
     if (screeningScreenChannelLines(screens.objects, 4, inputs, static_cast<size_t>(w) * 4, outputs,
                                     static_cast<size_t>(out_bytes) * 4, w, y0, lines) != 0)
       fail_lib("screening failed");
+    pipe.release(slot);
     for (uint32_t l = 0; l < lines; ++l) {
       uint8_t *codes[4];
       for (int c = 0; c < 4; ++c) {
