@@ -399,7 +399,34 @@ class Preview {
         sums_(static_cast<size_t>(pw_) * 4), cmyk_(static_cast<size_t>(pw_) * 4), rgb_(static_cast<size_t>(pw_) * 3) {
     sink_ = create_png(file_.temp(), path, pw_, ph_, 3, 8, 0, {});
   }
-  void add(uint8_t *const codes[4], const uint8_t density[4][256]) {
+  // One device line: its codes per channel and, when every plane takes two
+  // bits, its packed pixels (`packed`, else null).
+  void add(uint8_t *const codes[4], const uint8_t density[4][256], const uint8_t *packed) {
+    // Two-bit pixels: one table look-up gives all four densities in 16-bit
+    // lanes, which hold a block's sum while blocks are at most 16 x 16.
+    if (packed && factor_ <= 16) {
+      if (!fast_) {
+        fast_ = true;
+        acc_.assign(pw_, 0);
+        for (uint32_t b = 0; b < 256; ++b)
+          lut_[b] = uint64_t{density[0][b >> 6]} | uint64_t{density[1][(b >> 4) & 3]} << 16 |
+                    uint64_t{density[2][(b >> 2) & 3]} << 32 | uint64_t{density[3][b & 3]} << 48;
+      }
+      uint32_t px = 0, x = 0;
+      for (; x + factor_ <= src_w_; x += factor_, ++px) {
+        uint64_t s = 0;
+        for (uint32_t i = 0; i < factor_; ++i) s += lut_[packed[x + i]];
+        acc_[px] += s;
+      }
+      if (x < src_w_) {
+        uint64_t s = 0;
+        for (; x < src_w_; ++x) s += lut_[packed[x]];
+        acc_[px] += s;
+      }
+      ++rows_;
+      if (rows_ == factor_ || done_rows_ + rows_ == src_h_) flush();
+      return;
+    }
     for (int c = 0; c < 4; ++c) {
       const uint8_t *d = density[c];
       const uint8_t *code = codes[c];
@@ -424,6 +451,11 @@ class Preview {
 
  private:
   void flush() {
+    if (fast_)
+      for (uint32_t px = 0; px < pw_; ++px) {
+        for (int c = 0; c < 4; ++c) sums_[c * pw_ + px] = static_cast<uint32_t>((acc_[px] >> (16 * c)) & 0xFFFF);
+        acc_[px] = 0;
+      }
     for (uint32_t px = 0; px < pw_; ++px) {
       const uint32_t cols = std::min(factor_, src_w_ - px * factor_);
       const uint32_t n = cols * rows_;
@@ -440,6 +472,9 @@ class Preview {
   Proof proof_;
   std::unique_ptr<ImageSink> sink_;
   std::vector<uint32_t> sums_;
+  bool fast_ = false;
+  std::vector<uint64_t> acc_;
+  uint64_t lut_[256];
   std::vector<uint8_t> cmyk_, rgb_;
   uint32_t rows_ = 0, done_rows_ = 0;
 };
@@ -581,7 +616,7 @@ void rip_page(const RipOptions &o, const PaperProfile *paper, const Profiles &pr
                         w, codes[c]);
       }
       pack_pixels(codes, bits, w, &packed[l * packed_line]);
-      if (preview) preview->add(codes, screens.density);
+      if (preview) preview->add(codes, screens.density, bits == 2 ? &packed[l * packed_line] : nullptr);
     }
     const uint32_t ty = y0 / tile;
     for (uint32_t tx = 0; tx < tiles_across; ++tx)
