@@ -105,6 +105,58 @@ expect 0 "built-in page, 3 levels, lzw" -- "$zt" rip -o p3.vlimg --dpi 50 --leve
 expect 0 "built-in page, 16 levels, no compression" -- "$zt" rip -o p16.vlimg --dpi 50 --levels 16 --compress none
 expect 0 "built-in page, another output profile" -- "$zt" rip -o pf.vlimg --dpi 50 --profile /usr/share/color/icc/ghostscript/ps_cmyk.icc
 
+# ---- repeatability: codecs, threads, tiles -----------------------------------
+# Every codec is lossless and the screening is seeded, so the planes are the
+# same whatever the codec, the thread count or the tile size.
+for c in lz4 deflate packbits lzw none; do
+  expect 0 "codec $c" -- "$zt" rip -o "c-$c.vlimg" --dpi 40 --compress "$c" --threads 1 --tile 64
+  "$zt" extract "c-$c.vlimg" -o "c-$c.tif"
+  cmp -s c-lz4.tif "c-$c.tif" && pass || bad "planes coded with $c differ from lz4's"
+done
+expect 0 "two threads, other tiles" -- "$zt" rip -o c-t2.vlimg --dpi 40 --threads 2 --tile 128
+"$zt" extract c-t2.vlimg -o c-t2.tif
+cmp -s c-lz4.tif c-t2.tif && pass || bad "planes depend on threads or tiles"
+[[ ! -s err.txt ]] && pass || bad "a successful run off a terminal is silent: $(cat err.txt)"
+# The preview's default size: at most 2,000 pixels on the long side.
+expect 0 "preview default size" -- "$zt" rip -o big.vlimg --dpi 300 --preview big.png --screen ordered
+python3 -c 'import struct,sys; w,h=struct.unpack(">II", open("big.png","rb").read()[16:24]); sys.exit(not (max(w,h) <= 2000 and max(w,h) >= 1700))' &&
+  pass || bad "preview of A4 at 300 dpi is at most 2,000 and not far below"
+
+# ---- profiles: embedded ones are honoured ----------------------------------------------
+# zt page writes the page as CMYK TIFF with the press profile embedded; ripped
+# to another CMYK profile it is converted from the embedded one, which gives
+# different inks from taking the other profile as its own.
+expect 0 "zt page as TIFF" -- "$zt" page -o page-in.tif --dpi 30
+expect 0 "embedded profile" -- "$zt" rip page-in.tif -o emb.vlimg --input-dpi 30 --dpi 30 \
+  --profile /usr/share/color/icc/ghostscript/ps_cmyk.icc --verbose
+grep -q "device link applied" err.txt && pass || bad "an embedded profile makes a device link"
+expect 0 "profile given" -- "$zt" rip page-in.tif -o own.vlimg --input-dpi 30 --dpi 30 \
+  --profile /usr/share/color/icc/ghostscript/ps_cmyk.icc \
+  --input-profile /usr/share/color/icc/ghostscript/ps_cmyk.icc
+"$zt" extract emb.vlimg -o emb.tif && "$zt" extract own.vlimg -o own.tif
+cmp -s emb.tif own.tif && bad "the embedded profile was ignored" || pass
+expect 0 "zt page as PNG and PostScript" -- "$zt" page -o page-in.png --dpi 20
+expect 0 "zt page as PostScript" -- "$zt" page -o page-in.ps --dpi 20
+head -c 11 page-in.ps | grep -q '%!PS-Adobe' && pass || bad "zt page writes PostScript"
+
+# ---- paper profiles ------------------------------------------------------------------------
+cat >paper.txt <<'PAPER'
+# paper, then three drop sizes of one ink
+yule-nielsen 1.6
+drop 0 0.95 1.00 1.05
+drop 1 0.70 0.72 0.80
+drop 2 0.40 0.42 0.55
+drop 3 0.15 0.16 0.25
+PAPER
+expect 0 "paper profile" -- "$zt" rip -o paper.vlimg --dpi 30 --paper-profile paper.txt
+[[ $(field paper.vlimg bits_per_plane) == 2 ]] || bad "four drops take two bits"
+printf 'drop 0 0.9 1 1\ndrop 1 0.5 0.5\n' >paper-bad.txt
+expect 1 "paper profile with a short drop line" -- "$zt" rip -o x.vlimg --dpi 30 --paper-profile paper-bad.txt
+printf 'drop 0 0.9 1 1\n' >paper-one.txt
+expect 1 "paper profile of one drop" -- "$zt" rip -o x.vlimg --dpi 30 --paper-profile paper-one.txt
+expect 2 "levels with a paper profile" -- "$zt" rip -o x.vlimg --levels 4 --paper-profile paper.txt
+[[ ! -e x.vlimg ]] && pass || bad "failed paper-profile runs leave no output"
+
 # ---- every input format, depth and colour model ---------------------------------
 for spec in png:grey:8 png:grey:16 png:rgb:8 png:rgb:16 tif:grey:8 tif:grey:16 tif:rgb:8 tif:rgb:16 \
   tif:cmyk:8 tif:cmyk:16 jpg:grey:8 jpg:rgb:8 jpg:cmyk:8; do
@@ -216,6 +268,13 @@ expect 1 "output too large at this resolution" -- "$zt" rip good.png -o out/x.vl
 status=$?
 [[ $status -eq 1 && $(wc -l <err.txt) -eq 1 ]] && pass || bad "full disk: exit $status, stderr $(head -c 300 err.txt)"
 only_files out "failed rips leave nothing behind"
+# Interrupted: the temporary goes with the process.
+"$zt" rip -o out/x.vlimg --dpi 600 --preview out/x.png --quiet &
+pid=$!
+sleep 0.4
+kill -TERM $pid 2>/dev/null
+wait $pid
+only_files out "an interrupted rip leaves nothing behind"
 # VLIMG readers on damaged files.
 head -c 3000 ../page.vlimg >out/cut.vlimg
 expect 1 "info of a cut VLIMG" -- "$zt" info out/cut.vlimg
