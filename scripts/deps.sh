@@ -19,6 +19,13 @@ ZT_PACKAGES=(
   liblcms2-dev libtiff-dev
   # Benchmark peer for the resampler: libvips reduce/resize with the same kernels
   libvips-dev
+  # The zt program: PNG, JPEG and TIFF input and output (libpng, libjpeg-turbo,
+  # libtiff above), colour links built by Little CMS (above); the default CMYK
+  # output profile is Ghostscript's press profile from libgs-common, and
+  # icc-profiles-free brings the FOGRA39 characterisation data beside it
+  libpng-dev libjpeg62-turbo-dev libgs-common icc-profiles-free
+  # Benchmark peer of zt rip: Ghostscript's halftoning CMYK devices
+  ghostscript
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
 )
