@@ -3,6 +3,7 @@
 #include <zt/ztcms.h>
 
 #include <array>
+#include <limits>
 #include <vector>
 
 #include "common.h"
@@ -129,7 +130,7 @@ void register_colour(py::module_ &m) {
       "Colour difference of Lab arrays (..., 3): method 76, 94, dH, cmc1, cmc2 or 2000; returns shape (...).");
   m.def(
       "cct",
-      [](const py::array &xyz) {
+      [](const py::array &xyz, bool strict) {
         py::array a = triples(xyz, "xyz");
         std::vector<py::ssize_t> shape(a.shape(), a.shape() + a.ndim() - 1);
         py::array_t<double> out(shape);
@@ -141,13 +142,18 @@ void register_colour(py::module_ &m) {
         {
           py::gil_scoped_release release;
           for (size_t i = 0; i < n; ++i) {
-            if (ZTCMS_XYZtoCorColourTemp(s + 3 * i, d + i) != 0) failed = true;
+            if (ZTCMS_XYZtoCorColourTemp(s + 3 * i, d + i) != 0) {
+              d[i] = std::numeric_limits<double>::quiet_NaN();
+              failed = true;
+            }
           }
         }
-        if (failed) log.raise_value("no correlated colour temperature");
+        if (failed && strict) log.raise_value("no correlated colour temperature");
         return out;
       },
-      py::arg("xyz"), "Correlated colour temperature in kelvin of XYZ arrays (..., 3); returns shape (...).");
+      py::arg("xyz"), py::arg("strict") = true,
+      "Correlated colour temperature in kelvin of XYZ arrays (..., 3); returns shape (...). A colour without "
+      "one raises ValueError with the library's message, or gives NaN when strict is False.");
   m.def(
       "cct_to_xy",
       [](double kelvin) {
