@@ -32,7 +32,8 @@ class Reader {
       py::gil_scoped_release release;
       f = VLIMG_Open(path.c_str(), VLIMG_MODE_READ);
     }
-    if (!f) log.raise_value("cannot open the file");
+    // A file that does not start like a page fails without a message of its own.
+    if (!f) log.raise_value(("cannot open " + path + ": not a VLIMG file").c_str());
     file_.reset(f);
     path_ = path;
   }
