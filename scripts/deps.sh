@@ -19,6 +19,9 @@ ZT_PACKAGES=(
   liblcms2-dev libtiff-dev
   # Benchmark peer for the resampler: libvips reduce/resize with the same kernels
   libvips-dev
+  # The ztlib Python package (python/): pybind11 builds it against Debian's
+  # python3 and numpy; pytest runs its tests; matplotlib draws the example
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
 )

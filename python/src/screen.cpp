@@ -72,11 +72,13 @@ class Screen {
       for (uint32_t y = 0; y < im.height && !failed; ++y) {
         // The object may rewrite its input through its tone table: it gets a copy.
         std::memcpy(scratch_.data(), im.row(y), row_bytes);
-        if (o->screenScanline(o, scratch_.data(), line.data(), im.width, y0 + y) != 0) {
+        // One plane: the row's bytes are already where the array wants them.
+        uint8_t *target = planes == 1 ? out + y * bpp : line.data();
+        if (o->screenScanline(o, scratch_.data(), target, im.width, y0 + y) != 0) {
           failed = true;
           break;
         }
-        for (size_t p = 0; p < planes; ++p) {
+        for (size_t p = 0; planes > 1 && p < planes; ++p) {
           std::memcpy(out + (p * im.height + y) * bpp, line.data() + p * bpp, bpp);
         }
       }
@@ -85,7 +87,7 @@ class Screen {
     next_y_ = y0 + im.height;
   }
 
-  py::array screen(const py::array &array, std::optional<uint32_t> y) {
+  py::array screen(const py::array &array, std::optional<uint32_t> y, const py::object &out_arg) {
     ScreeningObject *o = get();
     py::array input = array;
     bool one_row = false;
@@ -103,7 +105,19 @@ class Screen {
                             std::to_string(o->width));
     }
     const py::ssize_t planes = o->outputPlanes, bpp = (im.width + 7) / 8;
-    py::array_t<uint8_t> out({planes, static_cast<py::ssize_t>(im.height), bpp});
+    py::array_t<uint8_t> out;
+    if (out_arg.is_none()) {
+      out = py::array_t<uint8_t>({planes, static_cast<py::ssize_t>(im.height), bpp});
+    } else {
+      // Screening into the caller's array spares a fresh allocation a call.
+      py::array given = contiguous(py::reinterpret_borrow<py::array>(out_arg), py::dtype::of<uint8_t>(), "out");
+      if (given.ndim() != 3 || given.shape(0) != planes || given.shape(1) != im.height || given.shape(2) != bpp ||
+          !given.writeable()) {
+        throw py::value_error("out must be a writeable uint8 array of shape (" + std::to_string(planes) + ", " +
+                              std::to_string(im.height) + ", " + std::to_string(bpp) + ")");
+      }
+      out = given;
+    }
     // The object writes bytesPerPlane bytes a plane; narrower rows keep the
     // bytes their width needs.
     if (static_cast<uint32_t>(bpp) == o->bytesPerPlane) {
@@ -158,8 +172,9 @@ a `with` block; a closed screen raises ValueError.)doc")
            py::arg("spot_shape") = 0, py::arg("resolution") = std::pair<uint32_t, uint32_t>(600, 600),
            py::arg("channel") = 0, py::arg("cmyk_set") = false, py::arg("max_tile_side") = 0,
            py::arg("screen_name") = "", py::arg("ink_limit") = 0.0)
-      .def("screen", &Screen::screen, py::arg("rows"), py::arg("y") = py::none(),
-           "Screens rows (uint8/uint16, shape (rows, width) or (width,)) into bit-planes.")
+      .def("screen", &Screen::screen, py::arg("rows"), py::arg("y") = py::none(), py::arg("out") = py::none(),
+           "Screens rows (uint8/uint16, shape (rows, width) or (width,)) into bit-planes; `out` may give the "
+           "uint8 (planes, rows, ceil(width / 8)) array to fill.")
       .def("close", &Screen::close, "Frees the screening object now (also done on garbage collection).")
       .def("__enter__", [](Screen &s) -> Screen & { return s; }, py::return_value_policy::reference)
       .def("__exit__", [](Screen &s, py::args) { s.close(); })

@@ -100,6 +100,11 @@ def test_screen_object_rows_continue_and_views_need_no_copy(ramp):
         single = s.screen(ramp[5], y=5)
     assert np.array_equal(np.concatenate(parts, axis=1), whole)
     assert np.array_equal(single, whole[:, 5, :])
+    out = np.zeros_like(whole)
+    assert ztlib.screen(ramp, mode=1, lpi=60, angle=15, out=out) is out
+    assert np.array_equal(out, whole)
+    with pytest.raises(ValueError, match="out must be"):
+        ztlib.screen(ramp, mode=1, lpi=60, angle=15, out=np.zeros((1, 3, 3), np.uint8))
     assert s.closed
     with pytest.raises(ValueError, match="closed"):
         s.screen(ramp)

@@ -96,6 +96,7 @@ def screen(
     max_tile_side: int = 0,
     screen_name: str = "",
     ink_limit: float = 0.0,
+    out: Optional[np.ndarray] = None,
 ) -> np.ndarray:
     """Screens a continuous-tone image (uint8 or uint16, shape (rows, columns)).
 
@@ -105,7 +106,7 @@ def screen(
 
     Returns bit-planes, uint8 (planes, rows, ceil(columns / 8)), most
     significant bit first; with as_levels=True the dot code of every pixel,
-    uint8 (rows, columns).
+    uint8 (rows, columns). `out` may give the bit-plane array to fill.
     """
     if not isinstance(image, np.ndarray):
         raise TypeError(f"image must be a numpy array, not {type(image).__name__}")
@@ -129,7 +130,7 @@ def screen(
         screen_name=screen_name,
         ink_limit=ink_limit,
     ) as s:
-        planes = s.screen(image, 0)
+        planes = s.screen(image, 0, out)
     return planes_to_levels(planes, image.shape[1]) if as_levels else planes
 
 
