@@ -101,7 +101,10 @@ class File:
 
 
 def open(path: str) -> File:  # noqa: A001  (the module's reading entry)
-    """Opens a VLIMG file for reading."""
+    """Opens a VLIMG file for reading: ``len(f)`` pages, ``f[i]`` a Page with
+    ``header`` (dict), ``read()``, ``tile(i)``, ``tiles()`` and ``rows(n)``.
+    Use it in a ``with`` block or call ``close()``; ValueError carries the
+    library's message when the file cannot be read."""
     return File(path)
 
 
