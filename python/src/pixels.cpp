@@ -304,6 +304,58 @@ py::bytes decompress(const py::object &data, uint32_t flags, size_t size, uint32
   return py::bytes(out.data(), got);
 }
 
+// ---- CCITT Group 4 -----------------------------------------------------------
+
+py::bytes g4_compress(const py::array &packed, uint32_t width) {
+  Image im = image_view(packed, "packed", false, false);
+  if (width == 0 || (width + 7) / 8 > im.width) {
+    throw py::value_error("width must be 1 ... 8 x the bytes of a row");
+  }
+  CallLog log;
+  ZT_CCITG4Encoder *enc = CCITG4Create(width);
+  if (!enc) log.raise_value("cannot create the encoder");
+  // Room for the worst case: every row of alternating pixels in long codes.
+  const size_t capacity = static_cast<size_t>(im.height) * (static_cast<size_t>(width) * 2 + 16) + 64;
+  if (capacity > UINT32_MAX) {
+    CCITG4Close(enc, nullptr, 0, nullptr);
+    throw py::value_error("image too large for one stream");
+  }
+  std::string out(capacity, '\0');
+  uint32_t used = 0, tail = 0;
+  int32_t rc = 0;
+  {
+    py::gil_scoped_release release;
+    rc = CCITG4Compress(enc, im.data, im.height, static_cast<uint32_t>(im.row_stride),
+                        reinterpret_cast<uint8_t *>(out.data()), static_cast<uint32_t>(capacity), &used);
+    const int32_t end = CCITG4Close(enc, reinterpret_cast<uint8_t *>(out.data()) + used,
+                                    static_cast<uint32_t>(capacity - used), &tail);
+    if (rc == 0) rc = end;
+  }
+  if (rc != 0) log.raise_value("Group 4 encoding failed");
+  return py::bytes(out.data(), used + tail);
+}
+
+py::array g4_decompress(const py::object &data, uint32_t width, uint32_t height) {
+  Bytes src(data);
+  if (width == 0 || height == 0) throw py::value_error("width and height must be at least 1");
+  const py::ssize_t stride = (width + 7) / 8;
+  py::array_t<uint8_t> page({static_cast<py::ssize_t>(height), stride});
+  CallLog log;
+  ZT_CCITG4Decoder *dec = CCITG4DecompressCreate(width, height);
+  if (!dec) log.raise_value("cannot create the decoder");
+  uint32_t done = 0;
+  int32_t rc = 0;
+  {
+    py::gil_scoped_release release;
+    rc = CCITG4DeCompress(dec, src.data(), static_cast<uint32_t>(src.size()), page.mutable_data(),
+                          static_cast<uint32_t>(stride), &done);
+    const int32_t end = CCITG4DecompressClose(dec);
+    if (rc == 0) rc = end;
+  }
+  if (rc != 0) log.raise_value("Group 4 decoding failed");
+  return page;
+}
+
 // ---- 16 to 8 bits ------------------------------------------------------------
 
 struct DitherGuard {
@@ -375,6 +427,11 @@ void register_pixels(py::module_ &m) {
         "returns (bytes, block_flags). Flags without a codec bit mean the block is stored raw.");
   m.def("decompress", &decompress, py::arg("data"), py::arg("flags"), py::arg("size"), py::arg("bits") = 8,
         "Undoes a block made by compress(): its bytes, block flags and original size.");
+  m.def("g4_compress", &g4_compress, py::arg("packed"), py::arg("width"),
+        "CCITT Group 4 (T.6) stream of 1-bit rows: `packed` is uint8 (rows, bytes), most significant bit "
+        "first, a set bit black; `width` pixels a row.");
+  m.def("g4_decompress", &g4_decompress, py::arg("data"), py::arg("width"), py::arg("height"),
+        "Decodes a Group 4 stream of `height` rows of `width` pixels into uint8 (rows, ceil(width / 8)).");
   m.def("dither16to8", &dither16to8, py::arg("image"), py::arg("method") = "noise",
         "uint16 image (rows, columns[, channels]) to uint8: 'noise' (triangular noise), 'round' "
         "(floor(v * 255 / 65535 + 0.5)) or 'diffusion' (whole-image error diffusion, one channel).");

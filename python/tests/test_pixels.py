@@ -155,6 +155,23 @@ def test_compression_errors(rng):
         ztlib.compress(data, "lz4", bits=3)
 
 
+def test_group4_round_trip_and_errors(rng):
+    pixels = (rng.random((40, 203)) < 0.2) | (np.arange(203) // 17 % 2 == 0)
+    packed = np.packbits(pixels, axis=1)
+    stream = ztlib.g4_compress(packed, 203)
+    assert len(stream) < packed.nbytes
+    back = ztlib.g4_decompress(stream, 203, 40)
+    assert np.array_equal(np.unpackbits(back, axis=1)[:, :203], pixels)
+    # Bits past the width are ignored on the way in and 0 on the way out.
+    padded = packed.copy()
+    padded[:, -1] |= 0x1F  # 203 = 25 * 8 + 3: five bits past the width
+    assert ztlib.g4_compress(padded, 203) == stream
+    with pytest.raises(ValueError, match="compress:"):
+        ztlib.g4_decompress(stream[: len(stream) // 3], 203, 40)
+    with pytest.raises(ValueError, match="width"):
+        ztlib.g4_compress(packed, 300)
+
+
 # ---- 16 to 8 bits ------------------------------------------------------------
 
 def test_round_matches_the_conversion_rule_and_the_c_call(libzt):

@@ -34,6 +34,8 @@ from ._native import (  # noqa: F401  (re-exported)
     compress,
     decompress,
     dither16to8,
+    g4_compress,
+    g4_decompress,
     illuminant,
     interpolate,
     lab_to_lch,
@@ -152,7 +154,7 @@ def delta_e(reference: np.ndarray, sample: np.ndarray, method: str = "76") -> np
 
 __all__ = [
     "CODECS", "DIFFERENCES", "FILTERS", "MODES", "Screen", "adapt", "cct", "cct_to_xy", "colour_difference",
-    "compress", "decompress", "delta_e", "dither16to8", "illuminant", "interpolate", "lab_to_lch", "lab_to_xyz",
+    "compress", "decompress", "delta_e", "dither16to8", "g4_compress", "g4_decompress", "illuminant", "interpolate", "lab_to_lch", "lab_to_xyz",
     "parse_vrfs", "planes_to_levels", "resample", "screen", "set_root", "spot_value", "vlimg", "xy_to_xyz",
     "xyz_to_lab", "xyz_to_luv", "xyz_to_xy",
 ]
