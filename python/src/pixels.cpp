@@ -273,15 +273,22 @@ py::tuple compress(const py::object &data, const py::object &codecs, uint32_t bi
   CallLog log;
   std::unique_ptr<ZT_Compressor, CompressorDeleter> ctx(ZT_CompressInit(flags, bits));
   if (!ctx) log.raise_value("cannot create the compressor");
-  std::string out(static_cast<size_t>(length), '\0');
+  // The codec writes straight into the bytes object handed back (not yet
+  // shared, so it may be filled and shrunk): no zero-fill, no second copy.
+  PyObject *raw = PyBytes_FromStringAndSize(nullptr, static_cast<py::ssize_t>(length ? length : 1));
+  if (!raw) throw py::error_already_set();
+  py::object out = py::reinterpret_steal<py::object>(raw);
   uint32_t block = 0, size = 0;
   {
     py::gil_scoped_release release;
-    size = ZT_Compress(ctx.get(), src.data(), reinterpret_cast<uint8_t *>(out.data()), length, length, &block);
+    size = ZT_Compress(ctx.get(), src.data(), reinterpret_cast<uint8_t *>(PyBytes_AS_STRING(raw)), length, length,
+                       &block);
   }
   if (size == ZT_COMPRESS_ERROR) log.raise_value("compression failed");
   if (size == 0) return py::make_tuple(py::bytes(reinterpret_cast<const char *>(src.data()), length), block);
-  return py::make_tuple(py::bytes(out.data(), size), block);
+  PyObject *shrunk = out.release().ptr();
+  if (_PyBytes_Resize(&shrunk, static_cast<py::ssize_t>(size)) != 0) throw py::error_already_set();
+  return py::make_tuple(py::reinterpret_steal<py::bytes>(shrunk), block);
 }
 
 py::bytes decompress(const py::object &data, uint32_t flags, size_t size, uint32_t bits) {
@@ -290,18 +297,20 @@ py::bytes decompress(const py::object &data, uint32_t flags, size_t size, uint32
   CallLog log;
   std::unique_ptr<ZT_Decompressor, DecompressorDeleter> ctx(ZT_DecompressInit(flags & ZT_COMPRESS_CODEC_MASK, bits));
   if (!ctx) log.raise_value("cannot create the decompressor");
-  std::string out(size, '\0');
+  PyObject *raw = PyBytes_FromStringAndSize(nullptr, static_cast<py::ssize_t>(size));
+  if (!raw) throw py::error_already_set();
+  py::bytes out = py::reinterpret_steal<py::bytes>(raw);
   uint32_t got = 0;
   {
     py::gil_scoped_release release;
-    got = ZT_Decompress(ctx.get(), src.data(), reinterpret_cast<uint8_t *>(out.data()),
+    got = ZT_Decompress(ctx.get(), src.data(), reinterpret_cast<uint8_t *>(PyBytes_AS_STRING(raw)),
                         static_cast<uint32_t>(src.size()), static_cast<uint32_t>(size), flags);
   }
   if (got == ZT_COMPRESS_ERROR) log.raise_value("decompression failed");
   if (got != size) {
     throw py::value_error("the block holds " + std::to_string(got) + " bytes, not " + std::to_string(size));
   }
-  return py::bytes(out.data(), got);
+  return out;
 }
 
 // ---- CCITT Group 4 -----------------------------------------------------------
