@@ -200,3 +200,21 @@ def test_other_threads_run_while_pixels_flow():
     stop.set()
     t.join()
     assert during > 1000, during
+
+
+def test_vrfs_screen_from_the_installation_root(tmp_path):
+    # A 3 x 2 matrix: a pixel prints where its value exceeds the threshold.
+    folder = tmp_path / "lib" / "screens" / "vrfs"
+    folder.mkdir(parents=True)
+    (folder / "tiny").write_text("3 2\n10 80 ff\n00 7f\tc0\n")
+    thresholds = ztlib.parse_vrfs((folder / "tiny").read_bytes(), "tiny")
+    assert thresholds.tolist() == [[0x10, 0x80, 0xFF], [0x00, 0x7F, 0xC0]]
+    ztlib.set_root(str(tmp_path))
+    image = np.random.default_rng(5).integers(0, 256, (6, 9), dtype=np.uint8)
+    dots = ztlib.screen(image, mode="vrfs", screen_name="tiny", as_levels=True)
+    expected = (image > np.tile(thresholds, (3, 3))) & (image != 0)
+    assert np.array_equal(dots.astype(bool), expected)
+    with pytest.raises(ValueError, match="screening:"):
+        ztlib.screen(image, mode="vrfs", screen_name="missing")
+    with pytest.raises(ValueError, match="screening:CreateVRFSScreens: Error reading array from  short"):
+        ztlib.parse_vrfs(b"2 2\n00 11 22", "short")
