@@ -26,6 +26,9 @@ ZT_PACKAGES=(
   libpng-dev libjpeg62-turbo-dev libgs-common icc-profiles-free
   # Benchmark peer of zt rip: Ghostscript's halftoning CMYK devices
   ghostscript
+  # The ztlib Python package (python/): pybind11 builds it against Debian's
+  # python3 and numpy; pytest runs its tests; matplotlib draws the example
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
 )

@@ -1,0 +1,184 @@
+"""Colour arithmetic and table interpolation against the C calls, one pixel
+at a time through ctypes, on the same data."""
+
+import ctypes
+
+import numpy as np
+import pytest
+
+import ztlib
+from conftest import ptr
+
+D = ctypes.c_double
+P = ctypes.POINTER(D)
+
+
+def c3(values):
+    return (D * 3)(*values)
+
+
+def c_map(fn, array, *extra):
+    out = np.empty_like(array)
+    for i, v in enumerate(array):
+        o = c3([0, 0, 0])
+        fn(c3(v), *extra, o)
+        out[i] = list(o)
+    return out
+
+
+@pytest.fixture
+def xyz(rng):
+    return rng.uniform(0.01, 1.0, (200, 3))
+
+
+@pytest.fixture
+def lab(rng):
+    return np.column_stack([rng.uniform(0, 100, 300), rng.uniform(-100, 100, 300), rng.uniform(-100, 100, 300)])
+
+
+def test_conversions_equal_the_c_functions(libzt, xyz, lab):
+    d65 = ztlib.illuminant(2)
+    assert np.array_equal(ztlib.xyz_to_lab(xyz), c_map(libzt.ZTCMS_XYZToLab, xyz, c3(ztlib.illuminant(0))))
+    assert np.array_equal(ztlib.xyz_to_lab(xyz, d65), c_map(libzt.ZTCMS_XYZToLab, xyz, c3(d65)))
+    assert np.array_equal(ztlib.lab_to_xyz(lab, d65), c_map(libzt.ZTCMS_LabToXYZ, lab, c3(d65)))
+    assert np.array_equal(ztlib.lab_to_lch(lab), c_map(libzt.ZTCMS_LabToLch, lab))
+    assert np.array_equal(ztlib.xyz_to_xy(xyz), c_map(libzt.ZTCMS_XYZToxy, xyz))
+    assert np.array_equal(ztlib.xyz_to_luv(xyz), c_map(libzt.ZTCMS_XYZToLUV, xyz, c3(ztlib.illuminant(0))))
+    # Shapes (..., 3) keep their leading axes.
+    grid = xyz[:198].reshape(2, 9, 11, 3)
+    assert np.array_equal(ztlib.xyz_to_lab(grid).reshape(-1, 3), ztlib.xyz_to_lab(xyz[:198]))
+
+
+def test_xy_round_trip_and_known_whites(xyz):
+    xy = ztlib.xyz_to_xy(xyz)
+    xyY = np.column_stack([xy[:, 0], xy[:, 1], xyz[:, 1]])
+    assert np.allclose(ztlib.xy_to_xyz(xyY), xyz, rtol=1e-12)
+    assert ztlib.xyz_to_lab(np.array(ztlib.illuminant(0))) == pytest.approx([100, 0, 0], abs=1e-9)
+    assert float(ztlib.cct(np.array(ztlib.illuminant(2)))) == pytest.approx(6504, abs=5)
+    x, y, _ = ztlib.cct_to_xy(6504)
+    assert (x, y) == pytest.approx((0.3127, 0.3291), abs=5e-4)
+
+
+@pytest.mark.parametrize("method,cname", [
+    ("76", "ZTCMS_ColourDiff_DeltaE"), ("94", "ZTCMS_ColourDiff_CIE94"), ("dH", "ZTCMS_ColourDiff_dH"),
+    ("cmc1", "ZTCMS_ColourDiff_CMC1"), ("cmc2", "ZTCMS_ColourDiff_CMC2"), ("2000", "ZTCMS_ColourDiff_CIE2000"),
+])
+def test_colour_differences_equal_the_c_functions(libzt, lab, method, cname):
+    fn = getattr(libzt, cname)
+    fn.restype = D
+    ref, sam = lab[:150], lab[150:]
+    ours = ztlib.colour_difference(ref, sam, method)
+    assert ours.shape == (150,)
+    assert np.array_equal(ours, [fn(c3(a), c3(b)) for a, b in zip(ref, sam)])
+
+
+def test_ciede2000_known_pair():
+    # Sharma, Wu and Dalal's test data, pair 1: 2.0425 (the library's pi of
+    # 3.14159 moves it in the fifth digit at most).
+    d = ztlib.colour_difference(np.array([50.0, 2.6772, -79.7751]), np.array([50.0, 0.0, -82.7485]), "2000")
+    assert float(d) == pytest.approx(2.0425, abs=2e-3)
+
+
+def test_adaptation_and_cct_equal_the_c_functions(libzt, xyz):
+    libzt.ZTCMS_Chromatic_Adaptation.restype = P
+    d50, d65 = ztlib.illuminant(0), ztlib.illuminant(2)
+    for name, code in [("bradford", 2), ("cat02", 0), ("vonkries", 1), ("matrix3", 3)]:
+        ours = ztlib.adapt(xyz, d65, d50, name)
+        ref = c_map(lambda a, o: libzt.ZTCMS_Chromatic_Adaptation(a, c3(d65), c3(d50), code, o), xyz)
+        assert np.array_equal(ours, ref), name
+    white = ztlib.adapt(np.array(d65), d65, d50)
+    assert white == pytest.approx(d50, abs=1e-4)
+    k = ctypes.c_double()
+    temps = ztlib.cct(xyz[:50], strict=False)
+    for v, t in zip(xyz[:50], temps):
+        if libzt.ZTCMS_XYZtoCorColourTemp(c3(v), ctypes.byref(k)) == 0:
+            assert t == k.value
+        else:
+            assert np.isnan(t)
+    assert np.isnan(temps).sum() not in (0, 50)
+
+
+def test_colour_errors():
+    with pytest.raises(ValueError, match="ZTCMS_XYZtoCorColourTemp: No colour temperature for black"):
+        ztlib.cct(np.zeros(3))
+    with pytest.raises(ValueError, match="unknown colour difference"):
+        ztlib.colour_difference(np.zeros(3), np.zeros(3), "cie1900")
+    with pytest.raises(ValueError, match="same shape"):
+        ztlib.colour_difference(np.zeros((2, 3)), np.zeros((3, 3)))
+    with pytest.raises(TypeError, match="float64"):
+        ztlib.xyz_to_lab(np.zeros((4, 3), np.float32))
+    with pytest.raises(ValueError, match="last axis of 3"):
+        ztlib.xyz_to_lab(np.zeros((4, 4)))
+    with pytest.raises(ValueError, match="C-contiguous"):
+        ztlib.xyz_to_lab(np.zeros((4, 6))[:, ::2])
+    with pytest.raises(ValueError, match="empty"):
+        ztlib.xyz_to_lab(np.zeros((0, 3)))
+    with pytest.raises(ValueError, match="white"):
+        ztlib.xyz_to_lab(np.zeros((1, 3)), white=(1, 1))
+
+
+# ---- Table interpolation ---------------------------------------------------
+
+def c_interpolate(libzt, table, pixels, scheme):
+    inputs = table.ndim - 1
+    n, m = table.shape[0], table.shape[-1]
+    init = libzt.TableInterpolatorInit_ushort if pixels.dtype == np.uint16 else libzt.TableInterpolatorInit_uchar
+    init.restype = ctypes.c_void_p
+    init.argtypes = [ctypes.c_uint32] * 3 + [ctypes.POINTER(ctypes.c_float), ctypes.c_int32, ctypes.c_int32,
+                                              ctypes.c_char_p]
+    libzt.TableInterpolatorConvertRect.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_uint32,
+                                                   ctypes.c_void_p, ctypes.c_uint32] + [ctypes.c_uint32] * 3
+    libzt.TableInterpolatorDestroy.argtypes = [ctypes.c_void_p]
+    t = init(inputs, n, m, ptr(table, ctypes.c_float), scheme, 1, None)
+    assert t
+    flat = np.ascontiguousarray(pixels.reshape(-1, inputs))
+    out = np.zeros((flat.shape[0], m), pixels.dtype)
+    one_line = flat.shape[0]
+    for i in range(one_line):  # pixel by pixel: a different split of the work
+        assert libzt.TableInterpolatorConvertRect(t, flat[i].ctypes.data, 8, out[i].ctypes.data, 8 * m, 1, 1, 0) == 0
+    libzt.TableInterpolatorDestroy(t)
+    return out.reshape(pixels.shape[:-1] + (m,))
+
+
+@pytest.mark.parametrize("inputs,outputs,dtype,method,scheme", [
+    (3, 3, np.uint16, "trilinear", 0), (3, 4, np.uint16, "prism", 1), (4, 3, np.uint16, "trilinear", 0),
+    (4, 5, np.uint16, "prism", 1), (3, 3, np.uint8, "prism", 1), (4, 4, np.uint8, "trilinear", 0),
+])
+def test_interpolation_equals_the_c_interpolator(libzt, rng, inputs, outputs, dtype, method, scheme):
+    n = 9 if inputs == 3 else 5
+    table = rng.uniform(0, 65535, (n,) * inputs + (outputs,)).astype(np.float32)
+    top = 65536 if dtype == np.uint16 else 256
+    pixels = rng.integers(0, top, (7, 13, inputs)).astype(dtype)
+    ours = ztlib.interpolate(table, pixels, method)
+    assert ours.shape == (7, 13, outputs) and ours.dtype == dtype
+    assert np.array_equal(ours, c_interpolate(libzt, table, pixels, scheme))
+    assert np.array_equal(ztlib.interpolate(table, pixels, method, threads=0), ours)
+
+
+def test_identity_table_gives_back_its_inputs():
+    axis = np.linspace(0, 65535, 17, dtype=np.float32)
+    table = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
+    pixels = np.random.default_rng(3).integers(0, 65536, (1000, 3)).astype(np.uint16)
+    for method in ("trilinear", "prism"):
+        assert np.abs(ztlib.interpolate(table, pixels, method).astype(int) - pixels).max() <= 1
+
+
+def test_interpolation_errors(rng):
+    table = np.zeros((5, 5, 5, 3), np.float32)
+    px = np.zeros((4, 3), np.uint16)
+    with pytest.raises(ValueError, match="no tetrahedral.*'trilinear', 'prism'"):
+        ztlib.interpolate(table, px, "tetrahedral")
+    with pytest.raises(ValueError, match="unknown interpolation"):
+        ztlib.interpolate(table, px, "cubic")
+    with pytest.raises(TypeError, match="float32"):
+        ztlib.interpolate(table.astype(np.float64), px)
+    with pytest.raises(TypeError, match="uint8 or uint16"):
+        ztlib.interpolate(table, px.astype(np.int32))
+    with pytest.raises(ValueError, match="last axis of 3"):
+        ztlib.interpolate(table, np.zeros((4, 4), np.uint16))
+    with pytest.raises(ValueError, match="same number of grid points"):
+        ztlib.interpolate(np.zeros((5, 4, 5, 3), np.float32), px)
+    with pytest.raises(ValueError, match="table_interpolator"):
+        ztlib.interpolate(np.zeros((2, 2, 2, 17), np.float32), px)
+    with pytest.raises(ValueError, match="shape"):
+        ztlib.interpolate(np.zeros((5, 5, 3), np.float32), px)

@@ -1,0 +1,204 @@
+"""Resampling, compression and 16-to-8 dithering through ztlib, against the C
+calls on the same data and through round trips."""
+
+import ctypes
+import zlib
+
+import numpy as np
+import pytest
+
+import ztlib
+from conftest import ptr
+
+
+# ---- Resampling --------------------------------------------------------------
+
+class ScanlineHead(ctypes.Structure):
+    _fields_ = [(n, ctypes.c_uint32) for n in (
+        "interleave", "bitsPerPixel", "channels", "fill", "width", "lines", "bytesPerLine", "bytesPerPlaneRow",
+        "bytesPerPixel", "bytesPerSample", "flags")] + [("data", ctypes.POINTER(ctypes.c_uint8))]
+
+
+ReadFn = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_void_p, ctypes.POINTER(ScanlineHead), ctypes.c_uint32)
+
+
+def c_resample(libzt, image, ow, oh, filter_id):
+    """One plane of uint8 through resampleInitUsingFilter and its read callback."""
+    h, w = image.shape
+
+    def read(user, dst, line):
+        if dst:
+            ctypes.memmove(dst.contents.data, image[line].ctypes.data, w)
+        return 0
+
+    cb = ReadFn(read)
+    libzt.resampleInitUsingFilter.restype = ctypes.c_void_p
+    libzt.resampleInitUsingFilter.argtypes = [ctypes.c_uint32] * 8 + [ReadFn, ctypes.c_void_p, ctypes.c_void_p,
+                                                                      ctypes.c_void_p, ctypes.c_uint32]
+    libzt.scanlinebufAlloc.restype = ctypes.POINTER(ScanlineHead)
+    libzt.resampleGetNextScanline.argtypes = [ctypes.c_void_p, ctypes.POINTER(ScanlineHead)]
+    libzt.resampleFree.argtypes = [ctypes.c_void_p]
+    ctx = libzt.resampleInitUsingFilter(0, w, h, ow, oh, 1, 8, 8, cb, None, None, None, filter_id)
+    assert ctx
+    line = libzt.scanlinebufAlloc(1, 8, 1, 0, ow, 1, 0)
+    out = np.zeros((oh, ow), np.uint8)
+    for y in range(oh):
+        assert libzt.resampleGetNextScanline(ctx, line) == 0
+        ctypes.memmove(out[y].ctypes.data, line.contents.data, ow)
+    libzt.scanlinebufFree(line)
+    libzt.resampleFree(ctx)
+    return out
+
+
+@pytest.mark.parametrize("filter_id", range(1, 18))
+def test_every_filter_equals_the_c_resampler(libzt, rng, filter_id):
+    image = rng.integers(0, 256, (40, 52), dtype=np.uint8)
+    ours = ztlib.resample(image, size=(31, 67), filter=filter_id)
+    assert np.array_equal(ours, c_resample(libzt, image, 31, 67, filter_id))
+    assert np.array_equal(ztlib.resample(image, size=(31, 67), filter=ztlib.FILTERS[filter_id - 1]), ours)
+
+
+def test_planes_depths_and_scale(rng):
+    rgb = rng.integers(0, 256, (30, 40, 3), dtype=np.uint8)
+    out = ztlib.resample(rgb, scale=0.5, filter="triangle")
+    assert out.shape == (15, 20, 3)
+    # Each plane alone gives the same as the plane inside the pixel.
+    for c in range(3):
+        alone = ztlib.resample(np.ascontiguousarray(rgb[:, :, c]), scale=0.5, filter="triangle")
+        assert np.array_equal(out[:, :, c], alone)
+    flat16 = np.full((10, 10), 4660, np.uint16)
+    for f in ztlib.FILTERS:
+        assert np.all(ztlib.resample(flat16, scale=(2.5, 1.5), filter=f) == 4660), f
+    up = ztlib.resample(rgb, size=(80, 60), out_bits=16)
+    assert up.dtype == np.uint16 and up.shape == (60, 80, 3)
+    assert np.array_equal(ztlib.resample(rgb, size=(40, 30), filter="box"), rgb)
+
+
+def test_resample_errors(rng):
+    image = rng.integers(0, 256, (40, 40), dtype=np.uint8)
+    with pytest.raises(ValueError, match="Requested scale factor is beyond algorithm's ability"):
+        ztlib.resample(image, size=(1, 1))
+    with pytest.raises(ValueError, match="unknown filter 'sinc'; filters: hermite"):
+        ztlib.resample(image, scale=0.5, filter="sinc")
+    with pytest.raises(ValueError, match="1 to 17"):
+        ztlib.resample(image, scale=0.5, filter=18)
+    with pytest.raises(ValueError, match="give size"):
+        ztlib.resample(image)
+    with pytest.raises(ValueError, match="not both"):
+        ztlib.resample(image, size=(2, 2), scale=2)
+    with pytest.raises(ValueError, match="positive"):
+        ztlib.resample(image, scale=-1)
+    with pytest.raises(ValueError, match="out_bits"):
+        ztlib.resample(image, scale=2, out_bits=12)
+    with pytest.raises(TypeError):
+        ztlib.resample(image.astype(np.float64), scale=2)
+    with pytest.raises(ValueError, match="contiguous"):
+        ztlib.resample(np.zeros((40, 40, 3), np.uint8)[:, :, :2], scale=2)
+
+
+# ---- Compression -------------------------------------------------------------
+
+def sample_block(rng):
+    ramp = np.repeat(np.arange(256, dtype=np.uint8), 40)
+    return (ramp.tobytes() + bytes(3000) + rng.integers(0, 4, 5000, dtype=np.uint8).tobytes()) * 3
+
+
+CODEC_BITS = {"lz4": 0x800, "packbits": 0x4, "lzjb": 0x200, "lzw": 0x8, "deflate": 0x40}
+
+
+@pytest.mark.parametrize("codec", ztlib.CODECS)
+@pytest.mark.parametrize("delta", [False, True])
+def test_each_codec_round_trips(rng, codec, delta):
+    data = sample_block(rng)
+    packed, flags = ztlib.compress(data, codec, delta=delta)
+    assert len(packed) < len(data)
+    assert flags & 0xA4C == CODEC_BITS[codec] and flags & 1
+    assert ztlib.decompress(packed, flags, len(data)) == data
+    if codec == "deflate" and not delta:
+        assert zlib.decompress(packed) == data  # the zlib format, as stated
+
+
+def test_best_codec_wins_and_buffers_pass(rng):
+    data = np.frombuffer(sample_block(rng), np.uint8)
+    sizes = {c: len(ztlib.compress(data, c)[0]) for c in ztlib.CODECS}
+    packed, flags = ztlib.compress(memoryview(data), ztlib.CODECS)
+    assert len(packed) == min(sizes.values())
+    assert ztlib.decompress(bytearray(packed), flags, data.size) == data.tobytes()
+    sixteen = np.arange(0, 65536, 7, dtype=np.uint16)
+    packed, flags = ztlib.compress(sixteen, "lz4", bits=16, delta=True)
+    assert np.array_equal(np.frombuffer(ztlib.decompress(packed, flags, sixteen.nbytes, bits=16), np.uint16), sixteen)
+
+
+def test_incompressible_block_is_stored_raw(rng):
+    noise = rng.integers(0, 256, 4096, dtype=np.uint8).tobytes()
+    packed, flags = ztlib.compress(noise, ztlib.CODECS)
+    assert packed == noise and flags & 0xA4C == 0
+    assert ztlib.decompress(packed, flags, len(noise)) == noise
+
+
+def test_compression_errors(rng):
+    data = sample_block(rng)
+    packed, flags = ztlib.compress(data, "lzjb")
+    with pytest.raises(ValueError, match="compress:|the block holds"):
+        ztlib.decompress(packed[: len(packed) // 2], flags, len(data))
+    with pytest.raises(ValueError, match="compress:"):
+        ztlib.decompress(packed, flags, len(data) // 2)
+    with pytest.raises(ValueError, match="Unknown compression mode"):
+        ztlib.decompress(packed, 0x2 | 0x1, len(data))
+    with pytest.raises(ValueError, match="unknown codec 'zstd'"):
+        ztlib.compress(data, "zstd")
+    with pytest.raises(ValueError, match="at least one codec"):
+        ztlib.compress(data, [])
+    with pytest.raises(TypeError, match="C-contiguous buffer"):
+        ztlib.compress(np.zeros((8, 8), np.uint8)[:, ::2], "lz4")
+    with pytest.raises(ValueError, match="compress:"):
+        ztlib.compress(data, "lz4", bits=3)
+
+
+def test_group4_round_trip_and_errors(rng):
+    pixels = (rng.random((40, 203)) < 0.2) | (np.arange(203) // 17 % 2 == 0)
+    packed = np.packbits(pixels, axis=1)
+    stream = ztlib.g4_compress(packed, 203)
+    assert len(stream) < packed.nbytes
+    back = ztlib.g4_decompress(stream, 203, 40)
+    assert np.array_equal(np.unpackbits(back, axis=1)[:, :203], pixels)
+    # Bits past the width are ignored on the way in and 0 on the way out.
+    padded = packed.copy()
+    padded[:, -1] |= 0x1F  # 203 = 25 * 8 + 3: five bits past the width
+    assert ztlib.g4_compress(padded, 203) == stream
+    with pytest.raises(ValueError, match="ccitg4:CCITG4DecompressClose: Group 4 data end after"):
+        ztlib.g4_decompress(stream[: len(stream) // 3], 203, 40)
+    with pytest.raises(ValueError, match="width"):
+        ztlib.g4_compress(packed, 300)
+
+
+# ---- 16 to 8 bits ------------------------------------------------------------
+
+def test_round_matches_the_conversion_rule_and_the_c_call(libzt):
+    ramp = np.arange(65536, dtype=np.uint16).reshape(256, 256)
+    rounded = ztlib.dither16to8(ramp, "round")
+    v = np.arange(65536, dtype=np.float64)
+    assert np.array_equal(rounded.ravel(), np.floor(v * 255 / 65535 + 0.5).astype(np.uint8))
+
+
+def test_noise_dither_keeps_the_mean(rng):
+    level = 200 * 257 + 128  # halfway between two 8-bit values
+    image = np.full((64, 512, 3), level, np.uint16)
+    out = ztlib.dither16to8(image)
+    assert out.shape == image.shape and out.dtype == np.uint8
+    assert out.mean() == pytest.approx(level / 257, abs=0.05)
+    assert set(np.unique(out)) <= {199, 200, 201, 202} and len(np.unique(out)) > 1
+    mid = np.full((64, 512), 100 * 257 + 128, np.uint16)
+    assert ztlib.dither16to8(mid).mean() == pytest.approx((100 * 257 + 128) / 257, abs=0.05)
+    assert ztlib.dither16to8(mid, "diffusion").mean() == pytest.approx((100 * 257 + 128) / 257, abs=0.05)
+
+
+def test_dither_errors():
+    with pytest.raises(TypeError, match="uint16"):
+        ztlib.dither16to8(np.zeros((4, 4), np.uint8))
+    with pytest.raises(ValueError, match="unknown method"):
+        ztlib.dither16to8(np.zeros((4, 4), np.uint16), "blue")
+    with pytest.raises(ValueError, match="one channel"):
+        ztlib.dither16to8(np.zeros((4, 4, 2), np.uint16), "diffusion")
+    with pytest.raises(ValueError, match="empty"):
+        ztlib.dither16to8(np.zeros((4, 0), np.uint16))
