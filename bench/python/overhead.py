@@ -1,7 +1,7 @@
 """Overhead of the ztlib Python calls over the same C calls on a 4,096 x 4,096
 image.
 
-    PYTHONPATH=build/python python3 bench/python/overhead.py [--bench-c build/python/ztlib_bench_c] [--reps 9]
+    PYTHONPATH=build/python /usr/bin/python3 bench/python/overhead.py [--bench-c build/python/ztlib_bench_c] [--reps 9]
 
 The C side is build/python/ztlib_bench_c (python/bench_c.c): it makes the same
 data, runs the case the way a C host would and prints its time. C and Python
@@ -67,9 +67,12 @@ def main():
     rows = []
     for name in names:
         label, fn = table_cases[name]
-        fn()  # warm: caches, pages of the output
         py, c = [], []
         for _ in range(args.reps):
+            # Each C run makes one untimed call before the timed one (its
+            # output pages mapped, its caches warm); each Python sample does
+            # the same, since the C process ran in between and took the caches.
+            fn()
             t0 = time.perf_counter()
             fn()
             py.append(time.perf_counter() - t0)
