@@ -66,7 +66,24 @@ void png_error_fn(png_structp png, png_const_charp msg) {
 }
 void png_warning_fn(png_structp, png_const_charp) {}
 
-class PngSource : public ImageSource {
+// The C libraries' handles live in base classes whose destructors release
+// them: a reader or writer whose constructor fails half-way throws, and only
+// what is already constructed (the bases) is destroyed then.
+struct PngReadHandles {
+  PngReadHandles() = default;
+  PngReadHandles(const PngReadHandles &) = delete;
+  PngReadHandles &operator=(const PngReadHandles &) = delete;
+  ~PngReadHandles() {
+    if (png_) png_destroy_read_struct(&png_, &info_, nullptr);
+    if (file_) std::fclose(file_);
+  }
+  FILE *file_ = nullptr;
+  png_structp png_ = nullptr;
+  png_infop info_ = nullptr;
+  PngError err_;
+};
+
+class PngSource : public ImageSource, private PngReadHandles {
  public:
   explicit PngSource(const std::string &path) {
     name = path;
@@ -77,10 +94,6 @@ class PngSource : public ImageSource {
     if (!info_) fail(path + ": out of memory");
     if (!start()) fail(path + ": " + err_.message);
     check_size(path, width, height);
-  }
-  ~PngSource() override {
-    png_destroy_read_struct(&png_, &info_, nullptr);
-    if (file_) std::fclose(file_);
   }
   void read_line(uint8_t *dst) override {
     if (!row(dst)) fail(name + ": " + err_.message);
@@ -127,10 +140,6 @@ class PngSource : public ImageSource {
     png_read_row(png_, dst, nullptr);
     return true;
   }
-  FILE *file_ = nullptr;
-  png_structp png_ = nullptr;
-  png_infop info_ = nullptr;
-  PngError err_;
 };
 
 // ---- TIFF --------------------------------------------------------------------
@@ -160,7 +169,17 @@ TIFF *tiff_open(const std::string &path, const char *mode) {
   return t;
 }
 
-class TiffSource : public ImageSource {
+struct TiffHandle {
+  TiffHandle() = default;
+  TiffHandle(const TiffHandle &) = delete;
+  TiffHandle &operator=(const TiffHandle &) = delete;
+  ~TiffHandle() {
+    if (tif_) TIFFClose(tif_);
+  }
+  TIFF *tif_ = nullptr;
+};
+
+class TiffSource : public ImageSource, private TiffHandle {
  public:
   TiffSource(const std::string &path, uint32_t page) {
     name = path;
@@ -208,7 +227,6 @@ class TiffSource : public ImageSource {
     line_.resize(TIFFScanlineSize64(tif_));
     if (line_.size() < static_cast<uint64_t>(width) * spp * (bits / 8)) fail(path + ": inconsistent line size");
   }
-  ~TiffSource() override { TIFFClose(tif_); }
   void read_line(uint8_t *dst) override {
     if (TIFFReadScanline(tif_, line_.data(), row_++, 0) < 0) tiff_fail(name, "cannot read a line");
     const uint32_t bps = bits / 8;
@@ -228,7 +246,6 @@ class TiffSource : public ImageSource {
   }
 
  private:
-  TIFF *tif_ = nullptr;
   uint32_t file_spp_ = 1, row_ = 0;
   bool invert_ = false;
   std::vector<uint8_t> line_;
@@ -249,7 +266,21 @@ void jpeg_error_exit(j_common_ptr cinfo) {
 }
 void jpeg_quiet(j_common_ptr, int) {}
 
-class JpegSource : public ImageSource {
+struct JpegReadHandles {
+  JpegReadHandles() = default;
+  JpegReadHandles(const JpegReadHandles &) = delete;
+  JpegReadHandles &operator=(const JpegReadHandles &) = delete;
+  ~JpegReadHandles() {
+    if (created_) jpeg_destroy_decompress(&cinfo_);
+    if (file_) std::fclose(file_);
+  }
+  FILE *file_ = nullptr;
+  jpeg_decompress_struct cinfo_{};
+  JpegError err_;
+  bool created_ = false;
+};
+
+class JpegSource : public ImageSource, private JpegReadHandles {
  public:
   explicit JpegSource(const std::string &path) {
     name = path;
@@ -262,10 +293,6 @@ class JpegSource : public ImageSource {
     created_ = true;
     if (!start()) fail(path + ": " + err_.message);
     check_size(path, width, height);
-  }
-  ~JpegSource() override {
-    if (created_) jpeg_destroy_decompress(&cinfo_);
-    if (file_) std::fclose(file_);
   }
   void read_line(uint8_t *dst) override {
     if (!row(dst)) fail(name + ": " + err_.message);
@@ -320,15 +347,26 @@ class JpegSource : public ImageSource {
     }
     return true;
   }
-  FILE *file_ = nullptr;
-  jpeg_decompress_struct cinfo_{};
-  JpegError err_;
-  bool created_ = false, adobe_inverted_ = false;
+  bool adobe_inverted_ = false;
 };
 
 // ---- Writers -------------------------------------------------------------------
 
-class PngSink : public ImageSink {
+struct PngWriteHandles {
+  PngWriteHandles() = default;
+  PngWriteHandles(const PngWriteHandles &) = delete;
+  PngWriteHandles &operator=(const PngWriteHandles &) = delete;
+  ~PngWriteHandles() {
+    if (png_) png_destroy_write_struct(&png_, &info_);
+    if (file_) std::fclose(file_);
+  }
+  FILE *file_ = nullptr;
+  png_structp png_ = nullptr;
+  png_infop info_ = nullptr;
+  PngError err_;
+};
+
+class PngSink : public ImageSink, private PngWriteHandles {
  public:
   PngSink(const std::string &path, const std::string &shown, uint32_t w, uint32_t h, uint32_t channels,
           uint32_t bits, double dpi, const std::vector<uint8_t> &icc)
@@ -341,10 +379,6 @@ class PngSink : public ImageSink {
     static const int kTypes[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
                                  PNG_COLOR_TYPE_RGB_ALPHA};
     if (!begin(w, h, kTypes[channels], static_cast<int>(bits), dpi, icc)) fail(shown + ": " + err_.message);
-  }
-  ~PngSink() override {
-    png_destroy_write_struct(&png_, &info_);
-    if (file_) std::fclose(file_);
   }
   void write_line(const uint8_t *line) override {
     if (!row(line)) fail(shown_ + ": " + err_.message);
@@ -387,13 +421,9 @@ class PngSink : public ImageSink {
     return true;
   }
   std::string shown_;
-  FILE *file_ = nullptr;
-  png_structp png_ = nullptr;
-  png_infop info_ = nullptr;
-  PngError err_;
 };
 
-class TiffSink : public ImageSink {
+class TiffSink : public ImageSink, private TiffHandle {
  public:
   TiffSink(const std::string &path, const std::string &shown, uint32_t w, uint32_t h, uint32_t channels,
            uint32_t bits, bool cmyk, double xdpi, double ydpi, const std::vector<uint8_t> &icc)
@@ -422,9 +452,6 @@ class TiffSink : public ImageSink {
     }
     if (!icc.empty()) TIFFSetField(tif_, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(icc.size()), icc.data());
   }
-  ~TiffSink() override {
-    if (tif_) TIFFClose(tif_);
-  }
   void write_line(const uint8_t *line) override {
     std::memcpy(line_.data(), line, bytes_);
     if (TIFFWriteScanline(tif_, line_.data(), row_++, 0) < 0) tiff_fail(shown_, "cannot write a line");
@@ -438,7 +465,6 @@ class TiffSink : public ImageSink {
 
  private:
   std::string shown_;
-  TIFF *tif_ = nullptr;
   size_t bytes_;
   std::vector<uint8_t> line_;
   uint32_t row_ = 0;
