@@ -229,6 +229,16 @@ void to_planar(const ImageSource &img, const uint8_t *line, uint8_t *planar, boo
   }
 }
 
+// Owners of the library's objects, so that a constructor failing half-way
+// (it throws) releases what it made before.
+struct ResampleFree {
+  void operator()(ResampleContext *c) const { resampleFree(c); }
+};
+struct ScreeningDestroy {
+  void operator()(ScreeningObject *o) const { DestroyScreeningObject(o); }
+};
+using ScreeningPtr = std::unique_ptr<ScreeningObject, ScreeningDestroy>;
+
 class ImageLines : public LineSource {
  public:
   ImageLines(std::unique_ptr<ImageSource> img, uint32_t out_w, uint32_t out_h, uint32_t threads)
@@ -238,15 +248,14 @@ class ImageLines : public LineSource {
     channels = img_->channels;
     line_.resize(img_->bytes_per_line());
     if (out_w == img_->width && out_h == img_->height) return;  // already at the device resolution
-    ctx_ = resampleInitUsingFilter(ZT_RESAMPLE_FILTERED, img_->width, img_->height, out_w, out_h, channels,
-                                   img_->bits, 8, read_cb, nullptr, nullptr, this, ZT_FILTER_LANCZOS3);
+    ctx_.reset(resampleInitUsingFilter(ZT_RESAMPLE_FILTERED, img_->width, img_->height, out_w, out_h, channels,
+                                       img_->bits, 8, read_cb, nullptr, nullptr, this, ZT_FILTER_LANCZOS3));
     if (!ctx_) fail_lib(img_->name + ": cannot resample " + std::to_string(img_->width) + " x " +
                         std::to_string(img_->height) + " to " + std::to_string(out_w) + " x " + std::to_string(out_h));
-    resampleSetupThreads(ctx_, threads);
+    resampleSetupThreads(ctx_.get(), threads);
     if (scanlinebufSetup(&out_, ZT_INTERLEAVE_BY_LINE, 8, channels, 0, out_w, 1, ZT_SLB_ZERO) != 0)
       fail_lib("cannot set up a scanline");
   }
-  ~ImageLines() override { resampleFree(ctx_); }
   void next(uint8_t *planar) override {
     if (!ctx_) {
       img_->read_line(line_.data());
@@ -254,7 +263,7 @@ class ImageLines : public LineSource {
       return;
     }
     out_.data = planar;
-    if (resampleGetNextScanline(ctx_, &out_) != 0) {
+    if (resampleGetNextScanline(ctx_.get(), &out_) != 0) {
       if (!error_.empty()) fail(error_);
       fail_lib(img_->name + ": resampling failed");
     }
@@ -273,7 +282,7 @@ class ImageLines : public LineSource {
     }
   }
   std::unique_ptr<ImageSource> img_;
-  ResampleContext *ctx_ = nullptr;
+  std::unique_ptr<ResampleContext, ResampleFree> ctx_;
   ScanlineBuf out_{};
   std::vector<uint8_t> line_;
   std::string error_;
@@ -289,7 +298,7 @@ class Screens {
   // table is made first from a fixed seed, whether or not the cache already
   // holds it, and the starts from a seed of the page's number.
   Screens(const RipOptions &o, const PaperProfile *paper, uint32_t width, uint32_t page_number) {
-    ScreeningObject *warm = nullptr;
+    ScreeningPtr warm;
     for (uint32_t c = 0; c < 4; ++c) {
       ScreeningSettings s{};
       s.mode = o.screen == "ed"          ? ZT_SCREEN_STOCHASTIC
@@ -315,11 +324,12 @@ class Screens {
       Library::clear_message();
       if (c == 0 && s.mode == ZT_SCREEN_STOCHASTIC) {
         ZT_randomSeed(0x7A7);
-        warm = CreateScreeningObject(&s, width, 8);
+        warm.reset(CreateScreeningObject(&s, width, 8));
         if (!warm) fail_lib("cannot make the 'ed' screen");
         ZT_randomSeed(0x7A70000ull + page_number);
       }
-      objects[c] = CreateScreeningObject(&s, width, 8);
+      owned_[c].reset(CreateScreeningObject(&s, width, 8));
+      objects[c] = owned_[c].get();
       if (!objects[c]) fail_lib("cannot make the '" + o.screen + "' screen for channel " + std::to_string(c + 1));
       // Printed density of each dot code, for the preview.
       std::fill(std::begin(density[c]), std::end(density[c]), 0);
@@ -328,15 +338,14 @@ class Screens {
         if (obj->dotCodes && obj->densities && obj->dotCodes[l] < 256) density[c][obj->dotCodes[l]] = static_cast<uint8_t>(obj->densities[l]);
       if (obj->levels == 2 && (!obj->dotCodes || !obj->densities)) density[c][1] = 255;
     }
-    DestroyScreeningObject(warm);
-  }
-  ~Screens() {
-    for (ScreeningObject *o : objects) DestroyScreeningObject(o);
   }
   Screens(const Screens &) = delete;
   Screens &operator=(const Screens &) = delete;
   ScreeningObject *objects[4] = {};
   uint8_t density[4][256];
+
+ private:
+  ScreeningPtr owned_[4];
 };
 
 // Dot codes of a line from a channel's bit-planes: eight pixels a step, each
