@@ -11,7 +11,7 @@ set -uo pipefail
 zt=$1
 check=$2
 job_script=$3
-source "$(dirname "${BASH_SOURCE[0]}")/same_pages.sh"
+source "${BASH_SOURCE[0]%/*}/same_pages.sh"
 
 skip() {
   echo "SKIP: $*"
@@ -28,8 +28,6 @@ for tool in slurmctld slurmd sbatch squeue sinfo scontrol scancel munged mungeke
   command -v "$tool" >/dev/null ||
     skip "$tool not found; Debian's slurm-wlm, munge and libtiff-tools bring what this test needs (scripts/deps.sh)"
 done
-# slurmd starts every job as the user who submitted it, which only root can.
-[[ $(id -u) -eq 0 ]] || skip "slurmd has to run as root to start jobs, and this runs as $(id -un)"
 
 # Everything the daemons touch lives here. MUNGE insists that every folder
 # above its socket is searchable by all.
@@ -38,8 +36,22 @@ chmod 755 "$work"
 mkdir -p "$work/state" "$work/spool" "$work/log" "$work/shared" "$work/cache"
 pids=$work/daemons.pid
 : >"$pids"
-export XDG_CACHE_HOME=$work/cache
 
+# Kills whatever of this test still runs: the daemons, then the job steps and
+# rips, which slurmd starts outside this process tree. Those carry the
+# marker below in their environment (sbatch passes it on), which names this
+# run's folder and nothing else.
+reap_leftovers() {
+  local work=$1 pid env
+  for pid in $(cat "$work/daemons.pid" 2>/dev/null); do kill -KILL "$pid" 2>/dev/null; done
+  for env in /proc/[0-9]*/environ; do
+    pid=${env#/proc/}
+    pid=${pid%/environ}
+    [[ $pid == "$$" || $pid == "$BASHPID" ]] && continue
+    grep -qzx "ZT_SLURM_TEST=$work" "$env" 2>/dev/null && kill -KILL "$pid" 2>/dev/null
+  done
+  rm -rf "$work"
+}
 stop_all() {
   trap - EXIT INT TERM HUP
   if [[ -n ${job_id:-} ]]; then
@@ -49,27 +61,27 @@ stop_all() {
       sleep 0.2
     done
   fi
-  local pid
+  local pid alive
   for pid in $(tac "$pids" 2>/dev/null); do kill -TERM "$pid" 2>/dev/null; done
   for _ in $(seq 50); do
-    local alive=0
+    alive=0
     for pid in $(cat "$pids" 2>/dev/null); do kill -0 "$pid" 2>/dev/null && alive=1; done
     [[ $alive -eq 0 ]] && break
     sleep 0.1
   done
-  for pid in $(cat "$pids" 2>/dev/null); do kill -KILL "$pid" 2>/dev/null; done
+  reap_leftovers "$work"
   wait 2>/dev/null
-  rm -rf "$work"
 }
 trap stop_all EXIT
 trap 'exit 1' INT TERM HUP
 # ctest ends a test that overruns with SIGKILL, which no trap sees. A watcher
-# outside this process tree does the same clean-up once this shell is gone.
-setsid -f bash -c '
+# outside this process tree (and without the marker) does the same once this
+# shell is gone.
+setsid -f bash -c "$(declare -f reap_leftovers)"'
   while kill -0 "$1" 2>/dev/null; do sleep 1; done
-  [[ -d $2 ]] || exit 0
-  for pid in $(cat "$2/daemons.pid" 2>/dev/null); do kill -KILL "$pid" 2>/dev/null; done
-  rm -rf "$2"' zt-slurm-test-watch $$ "$work" </dev/null >/dev/null 2>&1
+  [[ -d $2 ]] && reap_leftovers "$2"' zt-slurm-test-watch $$ "$work" </dev/null >/dev/null 2>&1
+export ZT_SLURM_TEST=$work
+export XDG_CACHE_HOME=$work/cache
 
 # Every wait is bounded, and all of them together stay well inside the
 # test's time limit, so that the clean-up above runs on the normal path.
@@ -105,6 +117,8 @@ print(*(s.getsockname()[1] for s in socks))')
 hw=$(slurmd -C | head -1 | tr ' ' '\n' | grep -E '^(CPUs|Boards|SocketsPerBoard|CoresPerSocket|ThreadsPerCore|RealMemory)=' | tr '\n' ' ')
 cpus=$(sed -n 's/.*CPUs=\([0-9]*\).*/\1/p' <<<"$hw")
 [[ -n $cpus ]] || fail "slurmd -C did not describe this machine: $(slurmd -C 2>&1 | head -c 300)"
+# The daemons run as whoever runs the test: jobs of that same user need no
+# root.
 user=$(id -un)
 export SLURM_CONF=$work/slurm.conf
 cat >"$SLURM_CONF" <<CONF
