@@ -31,6 +31,11 @@ ZT_PACKAGES=(
   python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
+  # The scale-out test submits the job-array script to a real one-node Slurm
+  # (controller and node daemon on loopback); Slurm authenticates with MUNGE,
+  # whose daemon the test starts with a key of its own. tiffinfo (libtiff-tools)
+  # counts the input's pages in that script.
+  slurm-wlm munge libtiff-tools
 )
 
 packages=("${ZT_PACKAGES[@]}" "$@")
