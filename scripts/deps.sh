@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the benchmarks need,
 # when any is missing (Debian 12). Runs as root, or through sudo when that is
-# available. Extra packages may be named on the command line.
+# available. Extra packages may be named on the command line; --tests adds
+# what only the test command needs.
 set -euo pipefail
 
 # Everything the project needs from the system, in one place.
@@ -31,6 +32,11 @@ ZT_PACKAGES=(
   python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
   # The fuzz targets: clang with libFuzzer
   clang libclang-rt-14-dev
+)
+
+# Only for the test command (scripts/test.sh): scripts/run.sh and
+# scripts/build.sh leave a machine without daemon packages.
+ZT_TEST_PACKAGES=(
   # The scale-out test submits the job-array script to a real one-node Slurm
   # (controller and node daemon on loopback); Slurm authenticates with MUNGE,
   # whose daemon the test starts with a key of its own. tiffinfo (libtiff-tools)
@@ -38,7 +44,14 @@ ZT_PACKAGES=(
   slurm-wlm munge libtiff-tools
 )
 
-packages=("${ZT_PACKAGES[@]}" "$@")
+packages=("${ZT_PACKAGES[@]}")
+for arg in "$@"; do
+  if [[ $arg == --tests ]]; then
+    packages+=("${ZT_TEST_PACKAGES[@]}")
+  else
+    packages+=("$arg")
+  fi
+done
 
 if ! command -v dpkg-query >/dev/null; then
   echo "deps: not a Debian system; install these yourself: ${packages[*]}" >&2
@@ -67,6 +80,16 @@ if [[ $(id -u) -ne 0 ]]; then
   fi
 fi
 export DEBIAN_FRONTEND=noninteractive
+# Slurm and MUNGE come for the test, which starts daemons of its own on
+# loopback: their system services are not started by the installation (the
+# usual policy-rc.d refusal, only while apt runs and only where the machine
+# has no policy of its own).
+policy=/usr/sbin/policy-rc.d
+if [[ ! -e $policy ]] && printf '%s\n' "${missing[@]}" | grep -qx -e slurm-wlm -e munge; then
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod 755 "$policy"
+  trap '"${as_root[@]}" rm -f "$policy"' EXIT
+fi
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q </dev/null
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
   "${missing[@]}" </dev/null

@@ -11,7 +11,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 build_dir=${ZT_BUILD_DIR:-build}
 
-"$root/scripts/deps.sh"
+"$root/scripts/deps.sh" --tests
 
 cmake -S . -B "$build_dir" -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo \
