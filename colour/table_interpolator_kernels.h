@@ -115,15 +115,18 @@ inline V blend_prism(const V *origin, const V *middle, const V *diagonal, V w0, 
 // network is stable. It is loaded last input first, so equal fractions walk
 // the later input first, as prism takes its second triangle when fa = fb;
 // the corner between them weighs 0, but a NaN there would still show.
+// Masks rather than branches: the order of a pixel's fractions is as good as
+// random, so a branch here would mispredict half the time (and the compiler
+// turns float selects into branches).
 inline void order_pair(float &fa, uint32_t &oa, float &fb, uint32_t &ob) {
-  if (fb > fa) {
-    const float f = fa;
-    fa = fb;
-    fb = f;
-    const uint32_t o = oa;
-    oa = ob;
-    ob = o;
-  }
+  const uint32_t swap = 0u - static_cast<uint32_t>(fb > fa);
+  const uint32_t a = __builtin_bit_cast(uint32_t, fa), b = __builtin_bit_cast(uint32_t, fb);
+  const uint32_t hi = (b & swap) | (a & ~swap);
+  const uint32_t o_hi = (ob & swap) | (oa & ~swap);
+  fa = __builtin_bit_cast(float, hi);
+  fb = __builtin_bit_cast(float, a ^ b ^ hi);
+  ob = oa ^ ob ^ o_hi;
+  oa = o_hi;
 }
 
 #if defined(__AVX2__)
@@ -142,12 +145,21 @@ inline void order_pair(__m256 &fa, __m256i &oa, __m256 &fb, __m256i &ob) {
 #endif
 
 // Odd-even transposition: kIn rounds of adjacent pairs sort kIn values.
+// Spelled out so that the values stay in registers.
 template <uint32_t kIn, typename V, typename O>
 inline void sort_decreasing(V *f, O *step) {
-#pragma GCC unroll 4
-  for (uint32_t round = 0; round < kIn; ++round) {
-#pragma GCC unroll 2
-    for (uint32_t a = round & 1u; a + 1 < kIn; a += 2) order_pair(f[a], step[a], f[a + 1], step[a + 1]);
+  static_assert(kIn == 3 || kIn == 4);
+  if constexpr (kIn == 3) {
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[1], step[1], f[2], step[2]);
+    order_pair(f[0], step[0], f[1], step[1]);
+  } else {
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[2], step[2], f[3], step[3]);
+    order_pair(f[1], step[1], f[2], step[2]);
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[2], step[2], f[3], step[3]);
+    order_pair(f[1], step[1], f[2], step[2]);
   }
 }
 
