@@ -115,9 +115,10 @@ inline V blend_prism(const V *origin, const V *middle, const V *diagonal, V w0, 
 // network is stable. It is loaded last input first, so equal fractions walk
 // the later input first, as prism takes its second triangle when fa = fb;
 // the corner between them weighs 0, but a NaN there would still show.
-// Masks rather than branches: the order of a pixel's fractions is as good as
-// random, so a branch here would mispredict half the time (and the compiler
-// turns float selects into branches).
+//
+// The baseline selects by masks rather than branches: the order of a pixel's
+// fractions is as good as random, so a branch would mispredict half the time
+// (and the compiler turns float selects into branches).
 inline void order_pair(float &fa, uint32_t &oa, float &fb, uint32_t &ob) {
   const uint32_t swap = 0u - static_cast<uint32_t>(fb > fa);
   const uint32_t a = __builtin_bit_cast(uint32_t, fa), b = __builtin_bit_cast(uint32_t, fb);
@@ -471,8 +472,6 @@ void convert_line_outputs(const InterpLine &line) {
   }
 }
 
-// The entry the dispatch table points at: one switch per line on the table's
-// shape and the sample size, then loops specialised for it.
 template <uint32_t kIn>
 void convert_line_scheme(const InterpLine &line) {
   switch (line.scheme) {
@@ -488,6 +487,8 @@ void convert_line_scheme(const InterpLine &line) {
   }
 }
 
+// The entry the dispatch table points at: one switch per line on the table's
+// shape, scheme and sample size, then loops specialised for it.
 void convert_line(const InterpLine &line) {
   if (line.grid->inputs == 4)
     convert_line_scheme<4>(line);

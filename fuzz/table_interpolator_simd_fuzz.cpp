@@ -47,15 +47,17 @@ void check_fixed_forms(const ZT_InterpGrid &g, int32_t scheme, const uint16_t *i
   const bool prism = scheme == ZT_INTERP_PRISM, tetrahedral = scheme == ZT_INTERP_TETRAHEDRAL;
   uint16_t out[4] = {};
   if (g.inputs == 3 && g.outputs == 3) {
-    (prism ? Prism_3Out : tetrahedral ? Tetrahedral_3Out : TriLinear_3Out)(&g, in[0], in[1], in[2], &out[0],
-                                                                            &out[1], &out[2]);
+    (prism         ? Prism_3Out
+     : tetrahedral ? Tetrahedral_3Out
+                   : TriLinear_3Out)(&g, in[0], in[1], in[2], &out[0], &out[1], &out[2]);
     check(out[0] == expected[0] && out[1] == expected[1] && out[2] == expected[2]);
   } else if (g.inputs == 3 && g.outputs == 4) {
     (prism ? Prism_4Out : tetrahedral ? Tetrahedral_4Out : TriLinear_4Out)(&g, in[0], in[1], in[2], out);
     check(std::memcmp(out, expected, sizeof out) == 0);
   } else if (g.inputs == 4 && g.outputs == 3) {
-    (prism ? Prism4Input : tetrahedral ? Tetrahedral4Input : TriLinear4Input)(&g, in[0], in[1], in[2], in[3],
-                                                                               &out[0], &out[1], &out[2]);
+    (prism         ? Prism4Input
+     : tetrahedral ? Tetrahedral4Input
+                   : TriLinear4Input)(&g, in[0], in[1], in[2], in[3], &out[0], &out[1], &out[2]);
     check(out[0] == expected[0] && out[1] == expected[1] && out[2] == expected[2]);
   }
 }

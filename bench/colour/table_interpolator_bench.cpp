@@ -174,7 +174,8 @@ bool verified(ZT_TableInterpolator *interp, int64_t kind, uint32_t points, int32
   const uint32_t in = inputs_of(kind), out = outputs_of(kind), pixels = side() * 4;
   const uint16_t *src = image(kind).data();
   std::vector<uint16_t> ours(size_t{pixels} * out), theirs(size_t{pixels} * out);
-  if (TableInterpolatorConvertRect(interp, src, pixels * in * 2, ours.data(), pixels * out * 2, pixels, 1, 0) != 0)
+  if (TableInterpolatorConvertRect(interp, src, pixels * in * 2, ours.data(), pixels * out * 2, pixels, 1,
+                                   0) != 0)
     return false;
   LcmsPipeline(kind, points).run(src, theirs.data(), pixels, in, out);
   for (size_t i = 0; i < ours.size(); ++i)
@@ -296,8 +297,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       const double goal = r.workers >= 2 ? 3.5 : 2.0;
       const bool judged = r.level == ZT_SimdBestLevel() && peer > 0;
       std::printf("%-10s %5ld %-11s %7ld %-8s %12.1f %12.1f %7.2f  %s\n", kind_name(r.kind), r.points,
-                  scheme_name(r.scheme), r.workers,
-                  r.level == ZT_SIMD_AVX2 ? "avx2" : "baseline", r.rate / 1e6, peer / 1e6, ratio,
+                  scheme_name(r.scheme), r.workers, r.level == ZT_SIMD_AVX2 ? "avx2" : "baseline",
+                  r.rate / 1e6, peer / 1e6, ratio,
                   !judged         ? "-"
                   : ratio >= goal ? (r.workers >= 2 ? ">=3.5x met" : ">=2x met")
                                   : (r.workers >= 2 ? ">=3.5x MISSED" : ">=2x MISSED"));

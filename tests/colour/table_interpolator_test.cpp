@@ -141,7 +141,8 @@ KernelSet kernels_of(int32_t scheme) {
     case ZT_INTERP_PRISM:
       return {Prism_NOut, Prism_3Out, Prism_4Out, Prism4Input_NOut, Prism4Input};
     case ZT_INTERP_TETRAHEDRAL:
-      return {Tetrahedral_NOut, Tetrahedral_3Out, Tetrahedral_4Out, Tetrahedral4Input_NOut, Tetrahedral4Input};
+      return {Tetrahedral_NOut, Tetrahedral_3Out, Tetrahedral_4Out, Tetrahedral4Input_NOut,
+              Tetrahedral4Input};
     default:
       return {TriLinear_NOut, TriLinear_3Out, TriLinear_4Out, TriLinear4Input_NOut, TriLinear4Input};
   }
@@ -275,8 +276,8 @@ TEST_P(TableInterpolatorKernels, GridPointsComeOutExactly) {
   struct Shape {
     uint32_t inputs, points;
   };
-  for (const Shape s : {Shape{3, 2}, Shape{3, 4}, Shape{3, 16}, Shape{3, 18}, Shape{4, 2}, Shape{4, 4},
-                        Shape{4, 6}}) {
+  for (const Shape s :
+       {Shape{3, 2}, Shape{3, 4}, Shape{3, 16}, Shape{3, 18}, Shape{4, 2}, Shape{4, 4}, Shape{4, 6}}) {
     const Table t = make_table(s.inputs, s.points, 3, [&](const uint32_t *idx, uint32_t o) {
       uint32_t v = o * 7 + 1;
       for (uint32_t a = 0; a < s.inputs; ++a) v = v * 2654435761u + idx[a] * (a + 3);
@@ -408,8 +409,8 @@ TEST(TableInterpolatorTetrahedral, FourInputsIgnoringOneAreThreeInputs) {
       const std::vector<uint16_t> four = evaluate(g4, ZT_INTERP_TETRAHEDRAL, in);
       const std::vector<uint16_t> three = evaluate(g3, ZT_INTERP_TETRAHEDRAL, rest);
       for (uint32_t o = 0; o < 3; ++o)
-        ASSERT_NEAR(four[o], three[o], 1) << "ignoring " << ignored << " at " << in[0] << "," << in[1] << ","
-                                          << in[2] << "," << in[3];
+        ASSERT_NEAR(four[o], three[o], 1)
+            << "ignoring " << ignored << " at " << in[0] << "," << in[1] << "," << in[2] << "," << in[3];
     }
   }
 }
@@ -442,8 +443,8 @@ TEST(TableInterpolatorTetrahedral, AgreesWithLittleCmsWithinOneCode) {
       cmsPipelineEval16(in, theirs, lut);
       const std::vector<uint16_t> ours = evaluate(g, ZT_INTERP_TETRAHEDRAL, in);
       for (uint32_t o = 0; o < outputs; ++o) {
-        ASSERT_LE(std::abs(ours[o] - theirs[o]), 1) << outputs << " outputs, output " << o << " at " << in[0] << "," << in[1] << ","
-                           << in[2];
+        ASSERT_LE(std::abs(ours[o] - theirs[o]), 1)
+            << outputs << " outputs, output " << o << " at " << in[0] << "," << in[1] << "," << in[2];
       }
     }
     cmsPipelineFree(lut);
@@ -516,11 +517,11 @@ TEST_P(TableInterpolatorRect, EveryLayoutMatchesTheKernelsOnOneAndSeveralWorkers
     uint32_t inputs, points, outputs;
     int32_t scheme;
   };
-  const Case cases[] = {{3, 17, 4, ZT_INTERP_TRILINEAR}, {3, 9, 3, ZT_INTERP_PRISM},
-                        {4, 9, 3, ZT_INTERP_TRILINEAR},  {4, 5, 3, ZT_INTERP_PRISM},
-                        {3, 5, 7, ZT_INTERP_PRISM},      {4, 3, 2, ZT_INTERP_TRILINEAR},
+  const Case cases[] = {{3, 17, 4, ZT_INTERP_TRILINEAR},   {3, 9, 3, ZT_INTERP_PRISM},
+                        {4, 9, 3, ZT_INTERP_TRILINEAR},    {4, 5, 3, ZT_INTERP_PRISM},
+                        {3, 5, 7, ZT_INTERP_PRISM},        {4, 3, 2, ZT_INTERP_TRILINEAR},
                         {3, 17, 4, ZT_INTERP_TETRAHEDRAL}, {3, 9, 3, ZT_INTERP_TETRAHEDRAL},
-                        {4, 9, 3, ZT_INTERP_TETRAHEDRAL}, {4, 5, 6, ZT_INTERP_TETRAHEDRAL}};
+                        {4, 9, 3, ZT_INTERP_TETRAHEDRAL},  {4, 5, 6, ZT_INTERP_TETRAHEDRAL}};
   uint32_t seed = 7;
   for (const Case &c : cases) {
     const Table t = smooth_table(c.inputs, c.points, c.outputs, seed);
