@@ -270,6 +270,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (Run &run : shown) {
       auto rate = run.counters.find("Mpixel_s");
       if (run.error_occurred || rate == run.counters.end()) continue;
+      // With repetitions only the median stands for a case: the mean is
+      // pulled by outliers and the spread is no rate at all.
+      const bool counted =
+          run.run_type == Run::RT_Aggregate ? run.aggregate_name == "median" : run.repetitions <= 1;
+      if (!counted) continue;
       if (run.run_name.function_name == "BM_LittleCMS_CLut16Eval") {
         int64_t kind = 0, points = 0;
         if (std::sscanf(run.run_name.args.c_str(), "%ld/%ld", &kind, &points) == 2)
@@ -283,7 +288,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       row.rate = rate->second.value * 1e6;
       const double peer = peer_rate(row.kind, static_cast<uint32_t>(row.points));
       if (peer > 0) run.counters["vs_lcms"] = benchmark::Counter(row.rate / peer);
-      if (run.run_type == Run::RT_Iteration) rows_.push_back(row);
+      rows_.push_back(row);
     }
     ConsoleReporter::ReportRuns(shown);
   }
