@@ -181,7 +181,7 @@ std::unique_ptr<ZT_TableInterpolator> build(const char *function, uint32_t input
                                             int32_t threads, uint32_t sample_bytes) {
   uint64_t count = 0;
   if (!check_shape(function, inputs, points, outputs, ZT_INTERP_MAX_OUTPUTS, values, &count)) return nullptr;
-  if (scheme != ZT_INTERP_TRILINEAR && scheme != ZT_INTERP_PRISM) {
+  if (scheme != ZT_INTERP_TRILINEAR && scheme != ZT_INTERP_PRISM && scheme != ZT_INTERP_TETRAHEDRAL) {
     ZT_LOG(kModule, function, "Unknown interpolation scheme %d", scheme);
     return nullptr;
   }
@@ -490,6 +490,15 @@ ZT_API void Prism_3Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, ui
   *out2 = out[2];
 }
 
+ZT_API void Tetrahedral_3Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out0, uint16_t *out1, uint16_t *out2) {
+  uint16_t out[3];
+  zt::colour::pixel3<ZT_INTERP_TETRAHEDRAL, 3>(grid, in0, in1, in2, out);
+  *out0 = out[0];
+  *out1 = out[1];
+  *out2 = out[2];
+}
+
 ZT_API void TriLinear_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                            uint16_t *out) {
   zt::colour::pixel3<ZT_INTERP_TRILINEAR, 4>(grid, in0, in1, in2, out);
@@ -499,6 +508,11 @@ ZT_API void Prism_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, ui
   zt::colour::pixel3<ZT_INTERP_PRISM, 4>(grid, in0, in1, in2, out);
 }
 
+ZT_API void Tetrahedral_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out) {
+  zt::colour::pixel3<ZT_INTERP_TETRAHEDRAL, 4>(grid, in0, in1, in2, out);
+}
+
 ZT_API void TriLinear_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                            uint16_t *out) {
   zt::colour::pixel3<ZT_INTERP_TRILINEAR, 0>(grid, in0, in1, in2, out);
@@ -506,6 +520,11 @@ ZT_API void TriLinear_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1
 
 ZT_API void Prism_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t *out) {
   zt::colour::pixel3<ZT_INTERP_PRISM, 0>(grid, in0, in1, in2, out);
+}
+
+ZT_API void Tetrahedral_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out) {
+  zt::colour::pixel3<ZT_INTERP_TETRAHEDRAL, 0>(grid, in0, in1, in2, out);
 }
 
 ZT_API void TriLinear4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t in3,
@@ -526,6 +545,15 @@ ZT_API void Prism4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, u
   *out2 = out[2];
 }
 
+ZT_API void Tetrahedral4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                              uint16_t in3, uint16_t *out0, uint16_t *out1, uint16_t *out2) {
+  uint16_t out[3];
+  zt::colour::pixel4<ZT_INTERP_TETRAHEDRAL, 3>(grid, in0, in1, in2, in3, out);
+  *out0 = out[0];
+  *out1 = out[1];
+  *out2 = out[2];
+}
+
 ZT_API void TriLinear4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                                  uint16_t in3, uint16_t *out) {
   zt::colour::pixel4<ZT_INTERP_TRILINEAR, 0>(grid, in0, in1, in2, in3, out);
@@ -534,6 +562,11 @@ ZT_API void TriLinear4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16
 ZT_API void Prism4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                              uint16_t in3, uint16_t *out) {
   zt::colour::pixel4<ZT_INTERP_PRISM, 0>(grid, in0, in1, in2, in3, out);
+}
+
+ZT_API void Tetrahedral4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                                   uint16_t in3, uint16_t *out) {
+  zt::colour::pixel4<ZT_INTERP_TETRAHEDRAL, 0>(grid, in0, in1, in2, in3, out);
 }
 
 }  // extern "C"

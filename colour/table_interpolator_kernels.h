@@ -108,6 +108,80 @@ inline V blend_prism(const V *origin, const V *middle, const V *diagonal, V w0, 
   return t[0];
 }
 
+// The simplex walk. Each axis's fraction travels through the sorting network
+// together with the offset of one step along that axis, so that the walk's
+// corners come out of the same comparisons as its weights. Only adjacent
+// pairs are compared and only a strictly larger fraction moves forward: the
+// network is stable. It is loaded last input first, so equal fractions walk
+// the later input first, as prism takes its second triangle when fa = fb;
+// the corner between them weighs 0, but a NaN there would still show.
+//
+// The baseline selects by masks rather than branches: the order of a pixel's
+// fractions is as good as random, so a branch would mispredict half the time
+// (and the compiler turns float selects into branches).
+inline void order_pair(float &fa, uint32_t &oa, float &fb, uint32_t &ob) {
+  const uint32_t swap = 0u - static_cast<uint32_t>(fb > fa);
+  const uint32_t a = __builtin_bit_cast(uint32_t, fa), b = __builtin_bit_cast(uint32_t, fb);
+  const uint32_t hi = (b & swap) | (a & ~swap);
+  const uint32_t o_hi = (ob & swap) | (oa & ~swap);
+  fa = __builtin_bit_cast(float, hi);
+  fb = __builtin_bit_cast(float, a ^ b ^ hi);
+  ob = oa ^ ob ^ o_hi;
+  oa = o_hi;
+}
+
+#if defined(__AVX2__)
+inline void order_pair(__m256 &fa, __m256i &oa, __m256 &fb, __m256i &ob) {
+  const __m256 swap = _mm256_cmp_ps(fb, fa, _CMP_GT_OQ);
+  const __m256i swap_i = _mm256_castps_si256(swap);
+  const __m256 f_hi = _mm256_blendv_ps(fa, fb, swap);
+  const __m256 f_lo = _mm256_blendv_ps(fb, fa, swap);
+  const __m256i o_hi = _mm256_blendv_epi8(oa, ob, swap_i);
+  const __m256i o_lo = _mm256_blendv_epi8(ob, oa, swap_i);
+  fa = f_hi;
+  fb = f_lo;
+  oa = o_hi;
+  ob = o_lo;
+}
+#endif
+
+// Odd-even transposition: kIn rounds of adjacent pairs sort kIn values.
+// Spelled out so that the values stay in registers.
+template <uint32_t kIn, typename V, typename O>
+inline void sort_decreasing(V *f, O *step) {
+  static_assert(kIn == 3 || kIn == 4);
+  if constexpr (kIn == 3) {
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[1], step[1], f[2], step[2]);
+    order_pair(f[0], step[0], f[1], step[1]);
+  } else {
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[2], step[2], f[3], step[3]);
+    order_pair(f[1], step[1], f[2], step[2]);
+    order_pair(f[0], step[0], f[1], step[1]);
+    order_pair(f[2], step[2], f[3], step[3]);
+    order_pair(f[1], step[1], f[2], step[2]);
+  }
+}
+
+// Weights of the kIn + 1 corners of the walk, from the sorted fractions.
+template <uint32_t kIn, typename V>
+inline void simplex_weights(const V *sorted, V *w) {
+  w[0] = v_sub(v_splat(1.0f, sorted[0]), sorted[0]);
+#pragma GCC unroll 4
+  for (uint32_t k = 1; k < kIn; ++k) w[k] = v_sub(sorted[k - 1], sorted[k]);
+  w[kIn] = sorted[kIn - 1];
+}
+
+// The weighted sum over the walk's corners, origin first.
+template <uint32_t kIn, typename V>
+inline V blend_simplex(const V *c, const V *w) {
+  V sum = v_mul(c[0], w[0]);
+#pragma GCC unroll 4
+  for (uint32_t k = 1; k <= kIn; ++k) sum = v_add(sum, v_mul(c[k], w[k]));
+  return sum;
+}
+
 // Round half up to 16 bits; the clamp only matters for grids that stray off
 // the 0 ... 65535 scale.
 inline uint16_t round16(float x) {
@@ -154,6 +228,25 @@ inline void pixel(const ZT_InterpGrid &g, const uint32_t *in, uint16_t *out, siz
 #pragma GCC unroll 16
       for (uint32_t k = 0; k < kCorners; ++k) c[k] = cell[g.corners[k] + o];
       out[o * out_step] = round16(blend_trilinear<kIn>(c, f));
+    }
+  } else if constexpr (kScheme == ZT_INTERP_TETRAHEDRAL) {
+    float sorted[kIn];
+    uint32_t step[kIn];
+    for (uint32_t k = 0; k < kIn; ++k) {
+      sorted[k] = f[kIn - 1 - k];
+      step[k] = g.corners[1u << k];
+    }
+    sort_decreasing<kIn>(sorted, step);
+    float w[kIn + 1];
+    simplex_weights<kIn>(sorted, w);
+    uint32_t vertex[kIn + 1];
+    vertex[0] = 0;
+    for (uint32_t k = 0; k < kIn; ++k) vertex[k + 1] = vertex[k] + step[k];
+    for (uint32_t o = 0; o < m; ++o) {
+      float c[kIn + 1];
+#pragma GCC unroll 5
+      for (uint32_t k = 0; k <= kIn; ++k) c[k] = cell[vertex[k] + o];
+      out[o * out_step] = round16(blend_simplex<kIn>(c, w));
     }
   } else {
     constexpr uint32_t kFaces = 1u << (kIn - 2);
@@ -223,6 +316,28 @@ inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_
 #pragma GCC unroll 16
       for (uint32_t k = 0; k < kCorners; ++k) c[k] = _mm256_i32gather_ps(plane, corner[k], 4);
       store16(out[o] + i, blend_trilinear<kIn>(c, f));
+    }
+  } else if constexpr (kScheme == ZT_INTERP_TETRAHEDRAL) {
+    __m256 sorted[kIn];
+    __m256i step[kIn];
+#pragma GCC unroll 4
+    for (uint32_t k = 0; k < kIn; ++k) {
+      sorted[k] = f[kIn - 1 - k];
+      step[k] = _mm256_set1_epi32(static_cast<int32_t>(g.corners[1u << k]));
+    }
+    sort_decreasing<kIn>(sorted, step);
+    __m256 w[kIn + 1];
+    simplex_weights<kIn>(sorted, w);
+    __m256i vertex[kIn + 1];
+    vertex[0] = base;
+#pragma GCC unroll 4
+    for (uint32_t k = 0; k < kIn; ++k) vertex[k + 1] = _mm256_add_epi32(vertex[k], step[k]);
+    for (uint32_t o = 0; o < m; ++o) {
+      const float *plane = g.values + o;
+      __m256 c[kIn + 1];
+#pragma GCC unroll 5
+      for (uint32_t k = 0; k <= kIn; ++k) c[k] = _mm256_i32gather_ps(plane, vertex[k], 4);
+      store16(out[o] + i, blend_simplex<kIn>(c, w));
     }
   } else {
     constexpr uint32_t kFaces = 1u << (kIn - 2);
@@ -357,21 +472,28 @@ void convert_line_outputs(const InterpLine &line) {
   }
 }
 
-// The entry the dispatch table points at: one switch per line on the table's
-// shape and the sample size, then loops specialised for it.
-void convert_line(const InterpLine &line) {
-  const bool prism = line.scheme == ZT_INTERP_PRISM;
-  if (line.grid->inputs == 4) {
-    if (prism)
-      convert_line_outputs<4, ZT_INTERP_PRISM>(line);
-    else
-      convert_line_outputs<4, ZT_INTERP_TRILINEAR>(line);
-  } else {
-    if (prism)
-      convert_line_outputs<3, ZT_INTERP_PRISM>(line);
-    else
-      convert_line_outputs<3, ZT_INTERP_TRILINEAR>(line);
+template <uint32_t kIn>
+void convert_line_scheme(const InterpLine &line) {
+  switch (line.scheme) {
+    case ZT_INTERP_PRISM:
+      convert_line_outputs<kIn, ZT_INTERP_PRISM>(line);
+      break;
+    case ZT_INTERP_TETRAHEDRAL:
+      convert_line_outputs<kIn, ZT_INTERP_TETRAHEDRAL>(line);
+      break;
+    default:
+      convert_line_outputs<kIn, ZT_INTERP_TRILINEAR>(line);
+      break;
   }
+}
+
+// The entry the dispatch table points at: one switch per line on the table's
+// shape, scheme and sample size, then loops specialised for it.
+void convert_line(const InterpLine &line) {
+  if (line.grid->inputs == 4)
+    convert_line_scheme<4>(line);
+  else
+    convert_line_scheme<3>(line);
 }
 
 }  // namespace zt::colour::ZT_KERNEL_NS

@@ -2,10 +2,10 @@
 // size, output count and table values from the input (now and then values off
 // the 0 ... 65535 scale, or any float at all, which the clamp must take the
 // same way everywhere), and a small rectangle of input samples converted with
-// each scheme. The rectangle must come out the same at each level and equal,
-// pixel by pixel, the one-pixel kernels over the same grid (narrowed as the
-// 8-bit form narrows); the fixed-output kernels must agree with the general
-// ones.
+// every scheme or the one the input picks. The rectangle must come out the
+// same at each level and equal, pixel by pixel, the one-pixel kernels over
+// the same grid (narrowed as the 8-bit form narrows); the fixed-output
+// kernels must agree with the general ones.
 #include <zt/table_interpolator.h>
 
 #include <algorithm>
@@ -28,11 +28,15 @@ void kernel(const ZT_InterpGrid &g, int32_t scheme, const uint16_t *in, uint16_t
   if (g.inputs == 3) {
     if (scheme == ZT_INTERP_PRISM)
       Prism_NOut(&g, in[0], in[1], in[2], out);
+    else if (scheme == ZT_INTERP_TETRAHEDRAL)
+      Tetrahedral_NOut(&g, in[0], in[1], in[2], out);
     else
       TriLinear_NOut(&g, in[0], in[1], in[2], out);
   } else {
     if (scheme == ZT_INTERP_PRISM)
       Prism4Input_NOut(&g, in[0], in[1], in[2], in[3], out);
+    else if (scheme == ZT_INTERP_TETRAHEDRAL)
+      Tetrahedral4Input_NOut(&g, in[0], in[1], in[2], in[3], out);
     else
       TriLinear4Input_NOut(&g, in[0], in[1], in[2], in[3], out);
   }
@@ -40,16 +44,20 @@ void kernel(const ZT_InterpGrid &g, int32_t scheme, const uint16_t *in, uint16_t
 
 // The fixed-output kernels where the grid has their shape.
 void check_fixed_forms(const ZT_InterpGrid &g, int32_t scheme, const uint16_t *in, const uint16_t *expected) {
-  const bool prism = scheme == ZT_INTERP_PRISM;
+  const bool prism = scheme == ZT_INTERP_PRISM, tetrahedral = scheme == ZT_INTERP_TETRAHEDRAL;
   uint16_t out[4] = {};
   if (g.inputs == 3 && g.outputs == 3) {
-    (prism ? Prism_3Out : TriLinear_3Out)(&g, in[0], in[1], in[2], &out[0], &out[1], &out[2]);
+    (prism         ? Prism_3Out
+     : tetrahedral ? Tetrahedral_3Out
+                   : TriLinear_3Out)(&g, in[0], in[1], in[2], &out[0], &out[1], &out[2]);
     check(out[0] == expected[0] && out[1] == expected[1] && out[2] == expected[2]);
   } else if (g.inputs == 3 && g.outputs == 4) {
-    (prism ? Prism_4Out : TriLinear_4Out)(&g, in[0], in[1], in[2], out);
+    (prism ? Prism_4Out : tetrahedral ? Tetrahedral_4Out : TriLinear_4Out)(&g, in[0], in[1], in[2], out);
     check(std::memcmp(out, expected, sizeof out) == 0);
   } else if (g.inputs == 4 && g.outputs == 3) {
-    (prism ? Prism4Input : TriLinear4Input)(&g, in[0], in[1], in[2], in[3], &out[0], &out[1], &out[2]);
+    (prism         ? Prism4Input
+     : tetrahedral ? Tetrahedral4Input
+                   : TriLinear4Input)(&g, in[0], in[1], in[2], in[3], &out[0], &out[1], &out[2]);
     check(out[0] == expected[0] && out[1] == expected[1] && out[2] == expected[2]);
   }
 }
@@ -97,6 +105,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   s.bytes = mode & 2 ? 1 : 2;
   s.interleave = (mode >> 2) & 1;
   const uint32_t values_mode = (mode >> 3) & 3;
+  // 0 converts with every scheme; 1 ... 3 with scheme (pick - 1) alone, so
+  // the fuzzer can spend its time on one.
+  const uint32_t scheme_pick = (mode >> 5) & 3;
   s.points = 2 + in.byte() % (s.inputs == 3 ? 8 : 4);
   s.outputs = 1 + in.byte() % ZT_INTERP_MAX_OUTPUTS;
   s.pixels = 1 + in.byte() % 32;
@@ -124,7 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ZT_InterpGrid grid{};
   check(TableInterpolatorGridSetup(&grid, s.inputs, s.points, s.outputs, table.data()) == 0);
 
-  for (const int32_t scheme : {ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM}) {
+  for (const int32_t scheme : {ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM, ZT_INTERP_TETRAHEDRAL}) {
+    if (scheme_pick != 0 && scheme != static_cast<int32_t>(scheme_pick) - 1) continue;
     std::vector<uint8_t> first;
     for (const int32_t level : zt::fuzz::kLevels) {
       zt::fuzz::set_level(level);

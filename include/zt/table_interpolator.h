@@ -3,11 +3,13 @@
  * (a regular grid of output values indexed by three or four input channels)
  * at 16-bit input colours, one pixel at a time or over whole rectangles.
  *
- * Two schemes exist for every input count: trilinear interpolation, which
- * blends every corner of the grid cell around the input, and prism
+ * Three schemes exist for every input count: trilinear interpolation, which
+ * blends every corner of the grid cell around the input; prism
  * interpolation, which cuts the cell into two triangular prisms along the
  * plane where the first two fractions are equal and blends the six (three
- * inputs) or twelve (four inputs) corners of the prism the input lies in.
+ * inputs) or twelve (four inputs) corners of the prism the input lies in;
+ * and tetrahedral interpolation, which blends the inputs + 1 corners of the
+ * simplex around the input (four of eight corners, or five of sixteen).
  * All arithmetic is single precision; each output is rounded half up to 16
  * bits. The kernels give the same bits whichever processor form runs them.
  *
@@ -26,9 +28,23 @@ ZT_EXTERN_C_BEGIN
 /* Records                                                                   */
 /* ------------------------------------------------------------------------ */
 
-/* Interpolation schemes. */
+/* Interpolation schemes.
+ *
+ * ZT_INTERP_TETRAHEDRAL: with three inputs the cell is split into six
+ * tetrahedra that share its main diagonal (corner 0 to corner 7), the scheme
+ * of Sakamoto and Kasson that ICC colour engines use for 3-input tables;
+ * with four inputs the same walk runs in four dimensions. The cell's
+ * fractions are sorted in decreasing order f1 >= f2 >= ... >= fn, and the
+ * walk starts at the cell's origin corner and steps along one input at a
+ * time, the input of the largest fraction first, to the far corner. The
+ * corners visited are weighted (1 - f1), (f1 - f2), ..., (fn-1 - fn), fn.
+ * Equal fractions walk the later input first (as prism takes its second
+ * triangle when the first two are equal); the corner between them has
+ * weight 0. A table that is linear in its inputs comes out exactly (up to
+ * rounding) under every scheme. */
 #define ZT_INTERP_TRILINEAR 0
 #define ZT_INTERP_PRISM 1
+#define ZT_INTERP_TETRAHEDRAL 2
 
 /* Limits of the tables an interpolator takes. */
 #define ZT_INTERP_MAX_POINTS 256        /* grid points per axis */
@@ -83,7 +99,7 @@ ZT_API int32_t TableInterpolatorGridSetup(ZT_InterpGrid *grid, uint32_t inputs, 
  *   inputs     3 or 4
  *   points     grid points per axis, 2 ... ZT_INTERP_MAX_POINTS
  *   outputs    1 ... ZT_INTERP_MAX_OUTPUTS
- *   scheme     ZT_INTERP_TRILINEAR or ZT_INTERP_PRISM
+ *   scheme     ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM or ZT_INTERP_TETRAHEDRAL
  *   threads    workers for TableInterpolatorConvertRect (as in
  *              TableInterpolatorAllocateThreadsAndCaches): 0 for one per
  *              logical processor, 1 to convert in the calling thread
@@ -167,24 +183,34 @@ ZT_API void TriLinear_3Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1
                            uint16_t *out0, uint16_t *out1, uint16_t *out2);
 ZT_API void Prism_3Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t *out0,
                        uint16_t *out1, uint16_t *out2);
+ZT_API void Tetrahedral_3Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out0, uint16_t *out1, uint16_t *out2);
 /* Three inputs, four outputs to out[0 ... 3]. */
 ZT_API void TriLinear_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                            uint16_t *out);
 ZT_API void Prism_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t *out);
+ZT_API void Tetrahedral_4Out(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out);
 /* Three inputs, grid->outputs outputs to out[0 ... m - 1]. */
 ZT_API void TriLinear_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                            uint16_t *out);
 ZT_API void Prism_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t *out);
+ZT_API void Tetrahedral_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                             uint16_t *out);
 /* Four inputs, three outputs through separate pointers. */
 ZT_API void TriLinear4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t in3,
                             uint16_t *out0, uint16_t *out1, uint16_t *out2);
 ZT_API void Prism4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2, uint16_t in3,
                         uint16_t *out0, uint16_t *out1, uint16_t *out2);
+ZT_API void Tetrahedral4Input(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                              uint16_t in3, uint16_t *out0, uint16_t *out1, uint16_t *out2);
 /* Four inputs, grid->outputs outputs to out[0 ... m - 1]. */
 ZT_API void TriLinear4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                                  uint16_t in3, uint16_t *out);
 ZT_API void Prism4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
                              uint16_t in3, uint16_t *out);
+ZT_API void Tetrahedral4Input_NOut(const ZT_InterpGrid *grid, uint16_t in0, uint16_t in1, uint16_t in2,
+                                   uint16_t in3, uint16_t *out);
 
 ZT_EXTERN_C_END
 

@@ -13,6 +13,10 @@
 #include <thread>
 #include <vector>
 
+#if defined(ZT_HAVE_LCMS2)
+#include <lcms2.h>
+#endif
+
 #include "support/simd_levels.h"
 #include "support/test_support.h"
 
@@ -122,21 +126,40 @@ ZT_InterpGrid grid_of(const Table &t) {
   return g;
 }
 
+// The one-pixel kernels of one scheme.
+struct KernelSet {
+  void (*n_out)(const ZT_InterpGrid *, uint16_t, uint16_t, uint16_t, uint16_t *);
+  void (*out3)(const ZT_InterpGrid *, uint16_t, uint16_t, uint16_t, uint16_t *, uint16_t *, uint16_t *);
+  void (*out4)(const ZT_InterpGrid *, uint16_t, uint16_t, uint16_t, uint16_t *);
+  void (*in4_n_out)(const ZT_InterpGrid *, uint16_t, uint16_t, uint16_t, uint16_t, uint16_t *);
+  void (*in4_out3)(const ZT_InterpGrid *, uint16_t, uint16_t, uint16_t, uint16_t, uint16_t *, uint16_t *,
+                   uint16_t *);
+};
+
+KernelSet kernels_of(int32_t scheme) {
+  switch (scheme) {
+    case ZT_INTERP_PRISM:
+      return {Prism_NOut, Prism_3Out, Prism_4Out, Prism4Input_NOut, Prism4Input};
+    case ZT_INTERP_TETRAHEDRAL:
+      return {Tetrahedral_NOut, Tetrahedral_3Out, Tetrahedral_4Out, Tetrahedral4Input_NOut,
+              Tetrahedral4Input};
+    default:
+      return {TriLinear_NOut, TriLinear_3Out, TriLinear_4Out, TriLinear4Input_NOut, TriLinear4Input};
+  }
+}
+
 // Runs every kernel form that fits the table's shape and checks that the
 // fixed-count forms agree with the looped one; returns the looped result.
 std::vector<uint16_t> evaluate(const ZT_InterpGrid &g, int32_t scheme, const uint16_t *in) {
-  const bool prism = scheme == ZT_INTERP_PRISM;
+  const KernelSet k = kernels_of(scheme);
   std::vector<uint16_t> out(g.outputs), fixed(4, 0xBEEF);
   if (g.inputs == 3) {
-    (prism ? Prism_NOut : TriLinear_NOut)(&g, in[0], in[1], in[2], out.data());
-    if (g.outputs == 3)
-      (prism ? Prism_3Out : TriLinear_3Out)(&g, in[0], in[1], in[2], &fixed[0], &fixed[1], &fixed[2]);
-    if (g.outputs == 4) (prism ? Prism_4Out : TriLinear_4Out)(&g, in[0], in[1], in[2], fixed.data());
+    k.n_out(&g, in[0], in[1], in[2], out.data());
+    if (g.outputs == 3) k.out3(&g, in[0], in[1], in[2], &fixed[0], &fixed[1], &fixed[2]);
+    if (g.outputs == 4) k.out4(&g, in[0], in[1], in[2], fixed.data());
   } else {
-    (prism ? Prism4Input_NOut : TriLinear4Input_NOut)(&g, in[0], in[1], in[2], in[3], out.data());
-    if (g.outputs == 3)
-      (prism ? Prism4Input : TriLinear4Input)(&g, in[0], in[1], in[2], in[3], &fixed[0], &fixed[1],
-                                              &fixed[2]);
+    k.in4_n_out(&g, in[0], in[1], in[2], in[3], out.data());
+    if (g.outputs == 3) k.in4_out3(&g, in[0], in[1], in[2], in[3], &fixed[0], &fixed[1], &fixed[2]);
   }
   const bool has_fixed = g.outputs == 3 || (g.outputs == 4 && g.inputs == 3);
   if (has_fixed) {
@@ -145,13 +168,18 @@ std::vector<uint16_t> evaluate(const ZT_InterpGrid &g, int32_t scheme, const uin
   return out;
 }
 
+// Properties every scheme has.
 class TableInterpolatorKernels : public testing::TestWithParam<int32_t> {};
+// Trilinear and prism against their definitions in double precision.
+class TableInterpolatorAgainstDouble : public testing::TestWithParam<int32_t> {};
 
 std::string scheme_name(const testing::TestParamInfo<int32_t> &param) {
-  return param.param == ZT_INTERP_PRISM ? "Prism" : "TriLinear";
+  return param.param == ZT_INTERP_PRISM         ? "Prism"
+         : param.param == ZT_INTERP_TETRAHEDRAL ? "Tetrahedral"
+                                                : "TriLinear";
 }
 
-TEST_P(TableInterpolatorKernels, GridEdgesAreExactAndTheTopIsReachedFromTheLastCell) {
+TEST_P(TableInterpolatorAgainstDouble, GridEdgesAreExactAndTheTopIsReachedFromTheLastCell) {
   const int32_t scheme = GetParam();
   for (uint32_t inputs : {3u, 4u}) {
     for (uint32_t n : {2u, 5u, 17u}) {
@@ -215,7 +243,7 @@ TEST_P(TableInterpolatorKernels, IdentityGridReproducesEveryInput) {
   }
 }
 
-TEST_P(TableInterpolatorKernels, SmoothGridsMatchDoublePrecisionWithinOneUnit) {
+TEST_P(TableInterpolatorAgainstDouble, SmoothGridsMatchDoublePrecisionWithinOneUnit) {
   const int32_t scheme = GetParam();
   struct Shape {
     uint32_t inputs, points, outputs;
@@ -240,34 +268,189 @@ TEST_P(TableInterpolatorKernels, SmoothGridsMatchDoublePrecisionWithinOneUnit) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Schemes, TableInterpolatorKernels,
-                         testing::Values(ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM), scheme_name);
-
-// With fa = fb both triangles weigh the middle corner by 0, so only a NaN
-// there tells which one the kernel took: it must be the second (corners 0, 2,
-// 6), leaving a NaN in corner 4 unseen.
-TEST(TableInterpolatorPrism, EqualFractionsTakeTheSecondTriangle) {
-  for (uint32_t inputs : {3u, 4u}) {
-    const uint32_t corners = 1u << inputs, a_bit = corners / 2, b_bit = corners / 4;
-    for (uint32_t poisoned : {a_bit, b_bit}) {
-      // n = 2: a single cell whose grid points are the corners.
-      std::vector<float> values(corners);
-      for (uint32_t k = 0; k < corners; ++k) values[k] = static_cast<float>(1000 * (k + 1));
-      values[poisoned] = std::numeric_limits<float>::quiet_NaN();
-      ZT_InterpGrid g;
-      ASSERT_EQ(TableInterpolatorGridSetup(&g, inputs, 2, 1, values.data()), 0);
-      uint16_t out = 0;
-      if (inputs == 3)
-        Prism_NOut(&g, 20000, 20000, 30000, &out);
-      else
-        Prism4Input_NOut(&g, 20000, 20000, 30000, 40000, &out);
-      if (poisoned == a_bit)
-        EXPECT_GT(out, 1000) << inputs;
-      else
-        EXPECT_EQ(out, 0) << inputs;  // the NaN, clamped
+// Where (n - 1) divides 65535 every grid point is an input value; integer
+// table values must come back as they are, whatever rounding the scale and
+// the fraction suffer on the way.
+TEST_P(TableInterpolatorKernels, GridPointsComeOutExactly) {
+  const int32_t scheme = GetParam();
+  struct Shape {
+    uint32_t inputs, points;
+  };
+  for (const Shape s :
+       {Shape{3, 2}, Shape{3, 4}, Shape{3, 16}, Shape{3, 18}, Shape{4, 2}, Shape{4, 4}, Shape{4, 6}}) {
+    const Table t = make_table(s.inputs, s.points, 3, [&](const uint32_t *idx, uint32_t o) {
+      uint32_t v = o * 7 + 1;
+      for (uint32_t a = 0; a < s.inputs; ++a) v = v * 2654435761u + idx[a] * (a + 3);
+      return static_cast<float>(v % 65536);
+    });
+    const ZT_InterpGrid g = grid_of(t);
+    const uint32_t step = 65535 / (s.points - 1);
+    size_t total = 1;
+    for (uint32_t a = 0; a < s.inputs; ++a) total *= s.points;
+    for (size_t p = 0; p < total; ++p) {
+      uint32_t idx[4];
+      uint16_t in[4];
+      size_t rest = p;
+      for (uint32_t a = s.inputs; a-- > 0;) {
+        idx[a] = static_cast<uint32_t>(rest % s.points);
+        in[a] = static_cast<uint16_t>(idx[a] * step);
+        rest /= s.points;
+      }
+      const std::vector<uint16_t> out = evaluate(g, scheme, in);
+      for (uint32_t o = 0; o < 3; ++o)
+        ASSERT_EQ(out[o], t.values[p * 3 + o]) << s.inputs << " inputs, n " << s.points << " point " << p;
     }
   }
 }
+
+// A table that is linear in its inputs is interpolated without error by
+// every scheme: only the final rounding and single precision may show.
+TEST_P(TableInterpolatorKernels, LinearTablesComeOutExactly) {
+  const int32_t scheme = GetParam();
+  uint32_t seed = 40;
+  for (uint32_t inputs : {3u, 4u}) {
+    for (uint32_t n : {2u, 9u, 17u}) {
+      std::mt19937 rng(++seed);
+      std::uniform_real_distribution<double> slope(-0.24, 0.24), offset(-1000.0, 1000.0);
+      double a[4][4], b[4];
+      for (uint32_t o = 0; o < 4; ++o) {
+        b[o] = 32767.5 + offset(rng);
+        for (uint32_t i = 0; i < inputs; ++i) {
+          a[o][i] = slope(rng);
+          b[o] -= a[o][i] * 32767.5;
+        }
+      }
+      auto plane = [&](uint32_t o, const double *x) {
+        double v = b[o];
+        for (uint32_t i = 0; i < inputs; ++i) v += a[o][i] * x[i];
+        return v;
+      };
+      const Table t = make_table(inputs, n, 4, [&](const uint32_t *idx, uint32_t o) {
+        double x[4];
+        for (uint32_t i = 0; i < inputs; ++i) x[i] = idx[i] * 65535.0 / (n - 1);
+        return static_cast<float>(plane(o, x));
+      });
+      const ZT_InterpGrid g = grid_of(t);
+      double worst = 0;
+      for (int k = 0; k < 20000; ++k) {
+        uint16_t in[4];
+        double x[4];
+        for (uint16_t &v : in) v = static_cast<uint16_t>(rng());
+        if (k % 3 == 0) in[2] = in[0];  // equal fractions
+        if (k % 7 == 0) in[rng() % inputs] = 65535;
+        for (uint32_t i = 0; i < 4; ++i) x[i] = in[i];
+        const std::vector<uint16_t> out = evaluate(g, scheme, in);
+        for (uint32_t o = 0; o < 4; ++o) worst = std::max(worst, std::abs(out[o] - plane(o, x)));
+      }
+      EXPECT_LT(worst, 0.53) << inputs << " inputs, n " << n;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Schemes, TableInterpolatorKernels,
+                         testing::Values(ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM, ZT_INTERP_TETRAHEDRAL),
+                         scheme_name);
+INSTANTIATE_TEST_SUITE_P(Schemes, TableInterpolatorAgainstDouble,
+                         testing::Values(ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM), scheme_name);
+
+// With fa = fb the corner between the two walks weighs 0 in both, so only a
+// NaN there tells which one the kernel took: prism takes its second triangle
+// (corners 0, 2, 6) and the simplex walk steps along the second input first,
+// so a NaN in corner 4 (first input only) stays unseen and one in corner 2
+// comes through.
+TEST(TableInterpolatorSplit, EqualFirstFractionsStepAlongTheSecondInputFirst) {
+  for (int32_t scheme : {ZT_INTERP_PRISM, ZT_INTERP_TETRAHEDRAL}) {
+    const KernelSet k = kernels_of(scheme);
+    for (uint32_t inputs : {3u, 4u}) {
+      const uint32_t corners = 1u << inputs, a_bit = corners / 2, b_bit = corners / 4;
+      for (uint32_t poisoned : {a_bit, b_bit}) {
+        // n = 2: a single cell whose grid points are the corners.
+        std::vector<float> values(corners);
+        for (uint32_t c = 0; c < corners; ++c) values[c] = static_cast<float>(1000 * (c + 1));
+        values[poisoned] = std::numeric_limits<float>::quiet_NaN();
+        ZT_InterpGrid g;
+        ASSERT_EQ(TableInterpolatorGridSetup(&g, inputs, 2, 1, values.data()), 0);
+        uint16_t out = 0;
+        if (inputs == 3)
+          k.n_out(&g, 40000, 40000, 30000, &out);
+        else
+          k.in4_n_out(&g, 40000, 40000, 30000, 20000, &out);
+        if (poisoned == a_bit)
+          EXPECT_GT(out, 1000) << scheme << " " << inputs;
+        else
+          EXPECT_EQ(out, 0) << scheme << " " << inputs;  // the NaN, clamped
+      }
+    }
+  }
+}
+
+// A four-input table that ignores one input is a three-input table: the
+// simplex walk's step along the ignored input adds nothing, and the walk
+// over the other three is the three-input one.
+TEST(TableInterpolatorTetrahedral, FourInputsIgnoringOneAreThreeInputs) {
+  const Table t3 = smooth_table(3, 9, 3, 21);
+  const ZT_InterpGrid g3 = grid_of(t3);
+  for (uint32_t ignored = 0; ignored < 4; ++ignored) {
+    const Table t4 = make_table(4, 9, 3, [&](const uint32_t *idx, uint32_t o) {
+      uint32_t rest[3], r = 0;
+      for (uint32_t a = 0; a < 4; ++a)
+        if (a != ignored) rest[r++] = idx[a];
+      return t3.values[t3.point_index(rest) * 3 + o];
+    });
+    const ZT_InterpGrid g4 = grid_of(t4);
+    std::mt19937 rng(ignored);
+    for (int k = 0; k < 20000; ++k) {
+      uint16_t in[4], rest[3];
+      for (uint16_t &v : in) v = static_cast<uint16_t>(rng());
+      if (k % 3 == 0) in[rng() % 4] = in[rng() % 4];
+      if (k % 5 == 0) in[rng() % 4] = 65535;
+      for (uint32_t a = 0, r = 0; a < 4; ++a)
+        if (a != ignored) rest[r++] = in[a];
+      const std::vector<uint16_t> four = evaluate(g4, ZT_INTERP_TETRAHEDRAL, in);
+      const std::vector<uint16_t> three = evaluate(g3, ZT_INTERP_TETRAHEDRAL, rest);
+      for (uint32_t o = 0; o < 3; ++o)
+        ASSERT_NEAR(four[o], three[o], 1)
+            << "ignoring " << ignored << " at " << in[0] << "," << in[1] << "," << in[2] << "," << in[3];
+    }
+  }
+}
+
+#if defined(ZT_HAVE_LCMS2)
+// Little CMS evaluates 16-bit three-input tables tetrahedrally, in fixed
+// point: a random table must agree within one code everywhere, edges and
+// equal fractions included. The table is a random smooth one with noise of
+// +-2000 codes, in integers so that both hold the same grid. (On white noise,
+// steps of up to 65535 codes between neighbours, Little CMS's 16-bit
+// fractions put it 2 codes off the exact value now and then.)
+TEST(TableInterpolatorTetrahedral, AgreesWithLittleCmsWithinOneCode) {
+  for (uint32_t outputs : {3u, 4u}) {
+    std::mt19937 rng(outputs);
+    std::uniform_real_distribution<float> noise(-2000.0f, 2000.0f);
+    Table t = smooth_table(3, 17, outputs, outputs + 30);
+    for (float &v : t.values) v = std::clamp(std::floor(v + noise(rng)), 0.0f, 65535.0f);
+    const std::vector<uint16_t> t16(t.values.begin(), t.values.end());
+    cmsStage *stage = cmsStageAllocCLut16bit(nullptr, 17, 3, outputs, t16.data());
+    cmsPipeline *lut = cmsPipelineAlloc(nullptr, 3, outputs);
+    ASSERT_TRUE(stage != nullptr && lut != nullptr && cmsPipelineInsertStage(lut, cmsAT_BEGIN, stage));
+    const ZT_InterpGrid g = grid_of(t);
+    const uint16_t edges[] = {0, 1, 4095, 4096, 65534, 65535};
+    for (int k = 0; k < 200000; ++k) {
+      uint16_t in[3];
+      for (uint16_t &v : in) v = static_cast<uint16_t>(rng());
+      if (k % 4 == 0) in[rng() % 3] = in[rng() % 3];
+      if (k % 5 == 0) in[rng() % 3] = edges[rng() % std::size(edges)];
+      uint16_t theirs[4];
+      cmsPipelineEval16(in, theirs, lut);
+      const std::vector<uint16_t> ours = evaluate(g, ZT_INTERP_TETRAHEDRAL, in);
+      for (uint32_t o = 0; o < outputs; ++o) {
+        ASSERT_LE(std::abs(ours[o] - theirs[o]), 1)
+            << outputs << " outputs, output " << o << " at " << in[0] << "," << in[1] << "," << in[2];
+      }
+    }
+    cmsPipelineFree(lut);
+  }
+}
+#endif
 
 // Rectangles, at every dispatch level, against the one-pixel kernels.
 class TableInterpolatorRect : public testing::TestWithParam<int32_t> {
@@ -288,8 +471,8 @@ void check_rect(ZT_TableInterpolator *interp, const Table &t, int32_t scheme, ui
   std::vector<uint8_t> src(src_step * lines), dst(dst_step * lines, 0xA5);
   std::mt19937 rng(seed);
   for (uint8_t &b : src) b = static_cast<uint8_t>(rng());
-  // Every third pixel sits on the prism split (first input equal to second),
-  // every fifth at the top of one input.
+  // Every third pixel has equal first and second fractions (the prism split,
+  // a tie in the simplex walk's sort), every fifth is at the top of one input.
   auto in_at = [&](uint32_t y, uint32_t x, uint32_t c) {
     return src.data() + size_t{y} * src_step +
            (interleave ? size_t{c} * pixels + x : size_t{x} * t.inputs + c) * bytes;
@@ -334,9 +517,11 @@ TEST_P(TableInterpolatorRect, EveryLayoutMatchesTheKernelsOnOneAndSeveralWorkers
     uint32_t inputs, points, outputs;
     int32_t scheme;
   };
-  const Case cases[] = {{3, 17, 4, ZT_INTERP_TRILINEAR}, {3, 9, 3, ZT_INTERP_PRISM},
-                        {4, 9, 3, ZT_INTERP_TRILINEAR},  {4, 5, 3, ZT_INTERP_PRISM},
-                        {3, 5, 7, ZT_INTERP_PRISM},      {4, 3, 2, ZT_INTERP_TRILINEAR}};
+  const Case cases[] = {{3, 17, 4, ZT_INTERP_TRILINEAR},   {3, 9, 3, ZT_INTERP_PRISM},
+                        {4, 9, 3, ZT_INTERP_TRILINEAR},    {4, 5, 3, ZT_INTERP_PRISM},
+                        {3, 5, 7, ZT_INTERP_PRISM},        {4, 3, 2, ZT_INTERP_TRILINEAR},
+                        {3, 17, 4, ZT_INTERP_TETRAHEDRAL}, {3, 9, 3, ZT_INTERP_TETRAHEDRAL},
+                        {4, 9, 3, ZT_INTERP_TETRAHEDRAL},  {4, 5, 6, ZT_INTERP_TETRAHEDRAL}};
   uint32_t seed = 7;
   for (const Case &c : cases) {
     const Table t = smooth_table(c.inputs, c.points, c.outputs, seed);
@@ -369,12 +554,19 @@ TEST_P(TableInterpolatorRect, WildTablesClampAlikeOnEveryLevel) {
                         -std::numeric_limits<float>::infinity()};
   Table t = smooth_table(3, 5, 4, 3);
   for (size_t i = 0; i < t.values.size(); i += 3) t.values[i] = wild[rng() % 7];
-  for (int32_t scheme : {ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM}) {
+  for (int32_t scheme : {ZT_INTERP_TRILINEAR, ZT_INTERP_PRISM, ZT_INTERP_TETRAHEDRAL}) {
     ZT_TableInterpolator *interp = TableInterpolatorInit_ushort(3, 5, 4, t.values.data(), scheme, 1, "");
     ASSERT_NE(interp, nullptr);
     check_rect(interp, t, scheme, 2, 0, 203, 4, 5);
     TableInterpolatorDestroy(interp);
   }
+  Table t4 = smooth_table(4, 3, 3, 4);
+  for (size_t i = 0; i < t4.values.size(); i += 2) t4.values[i] = wild[rng() % 7];
+  ZT_TableInterpolator *interp =
+      TableInterpolatorInit_ushort(4, 3, 3, t4.values.data(), ZT_INTERP_TETRAHEDRAL, 1, nullptr);
+  ASSERT_NE(interp, nullptr);
+  check_rect(interp, t4, ZT_INTERP_TETRAHEDRAL, 2, 1, 203, 4, 6);
+  TableInterpolatorDestroy(interp);
 }
 
 // Every 16-bit value narrows to 8 bits by the depth rule: constant tables of
@@ -418,10 +610,13 @@ TEST_F(TableInterpolatorApi, KeyedInterpolatorsShareOneTableUntilTheLastReferenc
   // Another key, scheme or sample size is another table; no key is private.
   ZT_TableInterpolator *other = make("profile.icc#1");
   ZT_TableInterpolator *trilinear = make("profile.icc#0", ZT_INTERP_TRILINEAR);
+  ZT_TableInterpolator *tetrahedral = make("profile.icc#0", ZT_INTERP_TETRAHEDRAL);
   ZT_TableInterpolator *eight =
       TableInterpolatorInit_uchar(3, 5, 4, table_.values.data(), ZT_INTERP_PRISM, 1, "profile.icc#0");
   ZT_TableInterpolator *mine = make(nullptr);
-  for (ZT_TableInterpolator *p : {other, trilinear, eight, mine}) EXPECT_TRUE(p != nullptr && p != a);
+  for (ZT_TableInterpolator *p : {other, trilinear, tetrahedral, eight, mine})
+    EXPECT_TRUE(p != nullptr && p != a);
+  EXPECT_NE(tetrahedral, trilinear);
 
   EXPECT_EQ(TableInterpolatorCacheAddReference(a), 0);  // three references now
   TableInterpolatorDestroy(a);
@@ -437,7 +632,7 @@ TEST_F(TableInterpolatorApi, KeyedInterpolatorsShareOneTableUntilTheLastReferenc
   EXPECT_EQ(TableInterpolatorCacheRemoveReference(nullptr), -1);
   ASSERT_EQ(log_.count(), 2u);
   for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "TABLEINTERPOLATOR was not found in cache");
-  for (ZT_TableInterpolator *p : {other, trilinear, eight, mine}) TableInterpolatorDestroy(p);
+  for (ZT_TableInterpolator *p : {other, trilinear, tetrahedral, eight, mine}) TableInterpolatorDestroy(p);
   TableInterpolatorDestroy(nullptr);
 }
 
@@ -469,7 +664,7 @@ TEST_F(TableInterpolatorApi, BadArgumentsLogOnceAndFail) {
       {"one point", TableInterpolatorInit_ushort(3, 1, 4, v, 0, 1, nullptr) == nullptr},
       {"too many outputs", TableInterpolatorInit_uchar(3, 5, 17, v, 0, 1, nullptr) == nullptr},
       {"no table", TableInterpolatorInit_ushort(3, 5, 4, nullptr, 0, 1, "k") == nullptr},
-      {"scheme", TableInterpolatorInit_ushort(3, 5, 4, v, 2, 1, nullptr) == nullptr},
+      {"scheme", TableInterpolatorInit_ushort(3, 5, 4, v, 3, 1, nullptr) == nullptr},
       {"too large", TableInterpolatorInit_ushort(4, 256, 16, v, 0, 1, nullptr) == nullptr},
       {"grid NULL", TableInterpolatorGridSetup(nullptr, 3, 5, 4, v) == -1},
       {"rect NULL interpolator", TableInterpolatorConvertRect(nullptr, src, 24, dst, 32, 4, 2, 0) == -1},
