@@ -150,8 +150,12 @@ std::vector<Item> page_items(VlimgReader &r) {
         v.resize(VLIMG_NumPlanes(f));
         it.json = "[";
         for (size_t i = 0; i < v.size(); ++i) {
-          it.text += (i ? " " : "") + std::to_string(v[i]);
-          it.json += (i ? "," : "") + std::to_string(v[i]);
+          if (i) {
+            it.text += ' ';
+            it.json += ',';
+          }
+          it.text += std::to_string(v[i]);
+          it.json += std::to_string(v[i]);
         }
         it.json += "]";
         break;
@@ -167,7 +171,9 @@ std::string codec_names(uint32_t flags) {
   if ((flags & ZT_COMPRESS_CODEC_MASK) == 0 || !(flags & ZT_COMPRESS_ON)) return "raw";
   std::string s;
   auto add = [&](uint32_t bit, const char *n) {
-    if (flags & bit) s += (s.empty() ? "" : "+") + std::string(n);
+    if (!(flags & bit)) return;
+    if (!s.empty()) s += '+';
+    s += n;
   };
   add(ZT_COMPRESS_LZ4, "lz4");
   add(ZT_COMPRESS_PACKBITS, "packbits");
