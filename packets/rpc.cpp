@@ -155,6 +155,53 @@ int32_t read_more(ZTRPC *ch, const SocketTimer &timer, const char *fn) {
   return static_cast<int32_t>(got);
 }
 
+// Receives `n` bytes of item data into `pm`: what the input holds first,
+// then, on a stream, straight from the socket, so a large body is held once
+// and not also in the input. The memory grows as bytes arrive (doubling up
+// to `n`), so a peer that announces much and sends little costs what it
+// sent. 0 or -1 (logged).
+int receive_into(ZTRPC *ch, ZTPacketMemory *pm, uint64_t n, const SocketTimer &timer) {
+  const char *fn = "ZTRPC_read";
+  constexpr uint64_t kFirstBlock = 64u << 10;
+  uint64_t room = n < kFirstBlock ? n : kFirstBlock;
+  if (MaintainPacketMemory(pm, room + 1) != 0) return -1;
+  uint64_t got = 0;
+  while (got < n) {
+    if (got == room) {
+      room = room > n / 2 ? n : room * 2;
+      if (MaintainPacketMemory(pm, room - got + 1) != 0) return -1;
+    }
+    const uint64_t want = room - got;
+    if (available(ch) > 0) {
+      const uint64_t take = available(ch) < want ? available(ch) : want;
+      std::memcpy(pm->ptr, input_at(ch), take);
+      consume(ch, take);
+      pm->ptr += take;
+      got += take;
+      continue;
+    }
+    // A datagram must be taken whole, so it goes through the input.
+    if (ch->protocol == ZT_RPC_UDP) {
+      if (read_more(ch, timer, fn) < 0) return -1;
+      continue;
+    }
+    size_t piece = 0;
+    const IoStatus status = recv_some(ch->socket, pm->ptr, static_cast<size_t>(want), piece, timer, rpc_log(fn));
+    if (status != IoStatus::kDone) {
+      if (status == IoStatus::kTimeout && !aborted(ch))
+        ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
+      return -1;
+    }
+    pm->ptr += piece;
+    got += piece;
+  }
+  pm->ptr = pm->data + n;
+  *pm->ptr = '\0';
+  pm->body_length = n;
+  pm->total_length = n;
+  return 0;
+}
+
 // Reads until `n` unread bytes are there. 0 or -1 (logged).
 int need(ZTRPC *ch, uint64_t n, const SocketTimer &timer) {
   while (available(ch) < n)
@@ -636,13 +683,11 @@ ZT_API int32_t ZTRPC_ReadPacketable(ZTRPC *ch, void **record, uint32_t *storage_
     third = zt::load_be32(value[2]);
     (void)third;
     const uint64_t body = length - 48;
-    if (need(ch, body, timer) != 0) return -1;
     ZTPacketMemory *pm = InitAllocPacketMemory(0);
-    if (pm == nullptr || AppendPacketMemory(pm, input_at(ch), body) != 0) {
+    if (pm == nullptr || receive_into(ch, pm, body, timer) != 0) {
       FreePacketMemory(&pm);
       return -1;
     }
-    consume(ch, body);
     if (*flags & 1u) {
       // An empty list decodes to NULL too; read_offset tells it from a failure.
       ZTListNode *list = MakeListFromPacket(pm, *storage_class);
