@@ -109,6 +109,8 @@ struct ZT_ThreadPool {
   bool collected = false;
   uint32_t min_threads = 0;
   uint32_t max_age = zt::foundation::kDefaultMaxAge;
+  uint32_t max_threads = ZT_THREADPOOL_DEFAULT_MAX_THREADS;
+  uint32_t starting = 0;  // threads being started outside the lock
   bool collect_registered = false;
   bool destroying = false;
   ZT_ThreadPool *next_live = nullptr;
@@ -247,39 +249,77 @@ void dispatch_locked(ZT_ThreadPool *pool, PoolThread *thread, threadpool_functio
   pool->busy.push_front(thread);
 }
 
+int32_t reap_exited(ZT_ThreadPool *pool);
+
+// Threads the pool holds or is starting; lock held.
+uint32_t thread_count_locked(const ZT_ThreadPool *pool) {
+  return pool->idle.size() + pool->busy.size() + pool->exited.size() + pool->starting;
+}
+
 int32_t execute(ZT_ThreadPool *pool, threadpool_function_t function, void *argument) {
   PoolThread *thread = nullptr;
+  enum class Outcome { kDispatched, kStart, kDestroying, kFull } outcome = Outcome::kStart;
+  // Threads that ended by themselves still count until joined, so one round
+  // of joining them comes before a refusal.
+  for (int round = 0; round < 2; ++round) {
+    bool ended_waiting = false;
+    {
+      SpinGuard guard(&pool->lock);
+      thread = pool->idle.front();
+      if (pool->destroying) {
+        outcome = Outcome::kDestroying;
+      } else if (thread != nullptr) {
+        pool->idle.remove(thread);
+        dispatch_locked(pool, thread, function, argument);
+        outcome = Outcome::kDispatched;
+      } else if (thread_count_locked(pool) >= pool->max_threads) {
+        outcome = Outcome::kFull;
+        ended_waiting = pool->exited.size() != 0;
+      } else {
+        ++pool->starting;
+        outcome = Outcome::kStart;
+      }
+    }
+    if (outcome != Outcome::kFull || !ended_waiting) break;
+    reap_exited(pool);
+  }
+  switch (outcome) {
+    case Outcome::kDestroying:
+      ZT_LOG(kModule, "threadpoolExecute", "Thread pool is being destroyed");
+      return -1;
+    case Outcome::kFull: {
+      uint32_t cap = 0;
+      {
+        SpinGuard guard(&pool->lock);
+        cap = pool->max_threads;
+      }
+      ZT_LOG(kModule, "threadpoolExecute", "Thread pool is at its limit of %u threads", cap);
+      return -1;
+    }
+    case Outcome::kDispatched:
+      sem_post(&thread->wakeup);
+      return 0;
+    case Outcome::kStart:
+      break;
+  }
+  // Starting a thread is slow, so we do it outside the lock; the slot it
+  // takes was counted above.
+  thread = spawn(pool);
   bool refused = false;
   {
     SpinGuard guard(&pool->lock);
+    --pool->starting;
     refused = pool->destroying;
-    thread = refused ? nullptr : pool->idle.front();
-    if (thread != nullptr) {
-      pool->idle.remove(thread);
-      dispatch_locked(pool, thread, function, argument);
-    }
-  }
-  if (refused) {
-    ZT_LOG(kModule, "threadpoolExecute", "Thread pool is being destroyed");
-    return -1;
+    if (thread != nullptr && !refused) dispatch_locked(pool, thread, function, argument);
   }
   if (thread == nullptr) {
-    // Starting a thread is slow, so we do it outside the lock.
-    thread = spawn(pool);
-    if (thread == nullptr) {
-      ZT_LOG(kModule, "threadpoolExecute", "Cannot start thread");
-      return -1;
-    }
-    {
-      SpinGuard guard(&pool->lock);
-      refused = pool->destroying;
-      if (!refused) dispatch_locked(pool, thread, function, argument);
-    }
-    if (refused) {
-      retire(thread);
-      ZT_LOG(kModule, "threadpoolExecute", "Thread pool is being destroyed");
-      return -1;
-    }
+    ZT_LOG(kModule, "threadpoolExecute", "Cannot start thread");
+    return -1;
+  }
+  if (refused) {
+    retire(thread);
+    ZT_LOG(kModule, "threadpoolExecute", "Thread pool is being destroyed");
+    return -1;
   }
   sem_post(&thread->wakeup);
   return 0;
@@ -347,13 +387,21 @@ int32_t set_min_threads(ZT_ThreadPool *pool, uint32_t min_threads) {
   for (;;) {
     {
       SpinGuard guard(&pool->lock);
-      if (pool->destroying || pool->idle.size() >= pool->min_threads) break;
+      if (pool->destroying || pool->idle.size() >= pool->min_threads ||
+          thread_count_locked(pool) >= pool->max_threads)
+        break;
+      ++pool->starting;
     }
     PoolThread *thread = spawn(pool);
-    if (thread == nullptr) break;
+    if (thread == nullptr) {
+      SpinGuard guard(&pool->lock);
+      --pool->starting;
+      break;
+    }
     bool refused = false;
     {
       SpinGuard guard(&pool->lock);
+      --pool->starting;
       refused = pool->destroying;
       if (!refused) {
         thread->idle_since_ms = now_ms();
@@ -544,6 +592,14 @@ extern "C" ZT_API int32_t threadpoolThreadExited(ZT_ThreadPool *pool) {
 extern "C" ZT_API int32_t threadpoolSetMinNumThreads(ZT_ThreadPool *pool, uint32_t min_threads) {
   pool = resolve(pool);
   return pool == nullptr ? -1 : set_min_threads(pool, min_threads);
+}
+
+extern "C" ZT_API int32_t threadpoolSetMaxNumThreads(ZT_ThreadPool *pool, uint32_t max_threads) {
+  pool = resolve(pool);
+  if (pool == nullptr) return -1;
+  SpinGuard guard(&pool->lock);
+  pool->max_threads = max_threads != 0 ? max_threads : ZT_THREADPOOL_DEFAULT_MAX_THREADS;
+  return 0;
 }
 
 extern "C" ZT_API int32_t threadpoolSetMaxThreadAge(ZT_ThreadPool *pool, uint32_t max_age_seconds) {

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -39,6 +40,9 @@ namespace {
 constexpr const char *kModule = "zt_rpc";
 constinit std::atomic<uint64_t> g_max_item{ZT_RPC_DEFAULT_ITEM_LIMIT};
 constinit std::atomic<uint64_t> g_max_file{ZT_RPC_DEFAULT_FILE_LIMIT};
+// File data is received, and skipped, in blocks of this size, each within
+// one time-out.
+constexpr uint64_t kFileBlock = 1u << 20;
 
 int protocol_of(const char *name) {
   if (name == nullptr) return 0;
@@ -53,9 +57,25 @@ void set_nonblocking(int fd) {
   if (flags >= 0) ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
+// The record callers see, and behind it what only this file needs. The
+// channel is allocated and freed here only, so the public record is the
+// start of the block.
+struct Channel {
+  ZTRPC record;
+  // A datagram server's answers go to the peer it heard last.
+  PeerAddress reply_to;
+  bool has_reply_to;
+};
+static_assert(offsetof(Channel, record) == 0);
+
+Channel *channel_of(ZTRPC *ch) { return reinterpret_cast<Channel *>(ch); }
+
+bool datagram_server(const ZTRPC *ch) { return ch->protocol == ZT_RPC_UDP && ch->state == ZT_RPC_LISTENING; }
+
 // A zero-filled channel with its two buffers, or NULL (logged).
 ZTRPC *new_channel(int protocol) {
-  auto *ch = static_cast<ZTRPC *>(std::calloc(1, sizeof(ZTRPC)));
+  auto *box = static_cast<Channel *>(std::calloc(1, sizeof(Channel)));
+  ZTRPC *ch = box != nullptr ? &box->record : nullptr;
   if (ch == nullptr) {
     ZT_LOG(kModule, "ZTRPC_Create", "Cannot allocate memory");
     return nullptr;
@@ -87,9 +107,15 @@ SocketLog rpc_log(const char *function) {
   return SocketLog{kModule, function, "Got select but socket is not set", "socket closed on other end ?"};
 }
 
-// Every wait of a channel gets the channel's time-out afresh and ends early
-// when ZTRPC_Abort comes from another thread.
+// A wait that is not part of reading an item (an accept, a send) gets the
+// time-out afresh at every wait; both kinds end early when ZTRPC_Abort comes
+// from another thread.
 SocketTimer timer_of(const ZTRPC *ch, int32_t seconds) { return SocketTimer::per_wait(seconds, &ch->abort_flag); }
+
+// One deadline for a whole item, header and data: a peer that sends a byte
+// just inside every time-out would otherwise hold the channel, and the
+// thread serving it, for ever.
+SocketTimer item_timer(const ZTRPC *ch) { return SocketTimer::whole(ch->timeout, &ch->abort_flag); }
 
 size_t available(const ZTRPC *ch) { return ZT_MemBufSize(ch->input) - ch->input_offset; }
 const unsigned char *input_at(const ZTRPC *ch) {
@@ -103,10 +129,83 @@ void consume(ZTRPC *ch, uint64_t n) {
   }
 }
 
+// Waits for bytes until `timer` gives up and appends them to the input: the
+// number appended, or -1 (logged unless aborted).
+int32_t read_more(ZTRPC *ch, const SocketTimer &timer, const char *fn) {
+  if (!connected(ch)) {
+    ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
+    return -1;
+  }
+  char buf[65536];
+  size_t got = 0;
+  const bool from_anyone = datagram_server(ch);
+  PeerAddress peer;
+  const IoStatus status =
+      recv_some(ch->socket, buf, sizeof buf, got, timer, rpc_log(fn), from_anyone ? &peer : nullptr);
+  if (status != IoStatus::kDone) {
+    if (status == IoStatus::kTimeout && !aborted(ch))
+      ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
+    return -1;
+  }
+  if (from_anyone) {
+    channel_of(ch)->reply_to = peer;
+    channel_of(ch)->has_reply_to = true;
+  }
+  if (ZT_MemBufAppend(ch->input, buf, got) != 0) return -1;
+  return static_cast<int32_t>(got);
+}
+
+// Receives `n` bytes of item data into `pm`: what the input holds first,
+// then, on a stream, straight from the socket, so a large body is held once
+// and not also in the input. The memory grows as bytes arrive (doubling up
+// to `n`), so a peer that announces much and sends little costs what it
+// sent. 0 or -1 (logged).
+int receive_into(ZTRPC *ch, ZTPacketMemory *pm, uint64_t n, const SocketTimer &timer) {
+  const char *fn = "ZTRPC_read";
+  constexpr uint64_t kFirstBlock = 64u << 10;
+  uint64_t room = n < kFirstBlock ? n : kFirstBlock;
+  if (MaintainPacketMemory(pm, room + 1) != 0) return -1;
+  uint64_t got = 0;
+  while (got < n) {
+    if (got == room) {
+      room = room > n / 2 ? n : room * 2;
+      if (MaintainPacketMemory(pm, room - got + 1) != 0) return -1;
+    }
+    const uint64_t want = room - got;
+    if (available(ch) > 0) {
+      const uint64_t take = available(ch) < want ? available(ch) : want;
+      std::memcpy(pm->ptr, input_at(ch), take);
+      consume(ch, take);
+      pm->ptr += take;
+      got += take;
+      continue;
+    }
+    // A datagram must be taken whole, so it goes through the input.
+    if (ch->protocol == ZT_RPC_UDP) {
+      if (read_more(ch, timer, fn) < 0) return -1;
+      continue;
+    }
+    size_t piece = 0;
+    const IoStatus status = recv_some(ch->socket, pm->ptr, static_cast<size_t>(want), piece, timer, rpc_log(fn));
+    if (status != IoStatus::kDone) {
+      if (status == IoStatus::kTimeout && !aborted(ch))
+        ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
+      return -1;
+    }
+    pm->ptr += piece;
+    got += piece;
+  }
+  pm->ptr = pm->data + n;
+  *pm->ptr = '\0';
+  pm->body_length = n;
+  pm->total_length = n;
+  return 0;
+}
+
 // Reads until `n` unread bytes are there. 0 or -1 (logged).
-int need(ZTRPC *ch, uint64_t n) {
+int need(ZTRPC *ch, uint64_t n, const SocketTimer &timer) {
   while (available(ch) < n)
-    if (ZTRPC_read(ch) < 0) return -1;
+    if (read_more(ch, timer, "ZTRPC_read") < 0) return -1;
   return 0;
 }
 
@@ -126,9 +225,9 @@ int append_u32(ZTRPC *ch, uint32_t type, uint32_t v) {
 }
 
 // Drops `n` bytes of item data, reading as needed.
-int skip(ZTRPC *ch, uint64_t n) {
+int skip(ZTRPC *ch, uint64_t n, const SocketTimer &timer) {
   while (n > 0) {
-    if (available(ch) == 0 && ZTRPC_read(ch) < 0) return -1;
+    if (available(ch) == 0 && read_more(ch, timer, "ZTRPC_read") < 0) return -1;
     const uint64_t take = available(ch) < n ? available(ch) : n;
     consume(ch, take);
     n -= take;
@@ -136,38 +235,55 @@ int skip(ZTRPC *ch, uint64_t n) {
   return 0;
 }
 
+int read_header(ZTRPC *ch, uint32_t *type, uint64_t *length, const SocketTimer &timer) {
+  if (need(ch, ZT_RPC_ITEM_HEADER, timer) != 0) return -1;
+  *type = zt::load_be32(input_at(ch));
+  *length = zt::load_be64(input_at(ch) + 4);
+  consume(ch, ZT_RPC_ITEM_HEADER);
+  return 0;
+}
+
 // Reads an item header and checks its type and, when `exact` is set, its
 // length. On a mismatch the data is skipped when it is within the limit.
-int expect_item(ZTRPC *ch, uint32_t type, uint64_t *length, bool exact, uint64_t want, const char *function) {
+int expect_item(ZTRPC *ch, uint32_t type, uint64_t *length, bool exact, uint64_t want, const char *function,
+                const SocketTimer &timer) {
   uint32_t got_type = 0;
   uint64_t got_length = 0;
-  if (ZTRPC_ReadHeader(ch, &got_type, &got_length) != 0) return -1;
+  if (read_header(ch, &got_type, &got_length, timer) != 0) return -1;
   if (got_type != type || (exact && got_length != want) || got_length > g_max_item.load()) {
     ZT_LOG(kModule, function, "Expected item type %d, got type %u with %llu bytes", static_cast<int>(type), got_type,
            static_cast<unsigned long long>(got_length));
-    if (got_length <= g_max_item.load()) skip(ch, got_length);
+    if (got_length <= g_max_item.load()) skip(ch, got_length, timer);
     return -1;
   }
   *length = got_length;
   return 0;
 }
 
-int read_fixed(ZTRPC *ch, uint32_t type, unsigned char *out, uint64_t n, const char *function) {
+int read_fixed(ZTRPC *ch, uint32_t type, unsigned char *out, uint64_t n, const char *function,
+               const SocketTimer &timer) {
   uint64_t length = 0;
   if (ch == nullptr || out == nullptr) {
     ZT_LOG(kModule, function, "NULL rpc handle or socket is not connected");
     return -1;
   }
-  if (expect_item(ch, type, &length, true, n, function) != 0) return -1;
-  if (need(ch, n) != 0) return -1;
+  if (expect_item(ch, type, &length, true, n, function, timer) != 0) return -1;
+  if (need(ch, n, timer) != 0) return -1;
   std::memcpy(out, input_at(ch), n);
   consume(ch, n);
   return 0;
 }
 
+int read_fixed(ZTRPC *ch, uint32_t type, unsigned char *out, uint64_t n, const char *function) {
+  if (ch == nullptr) return read_fixed(ch, type, out, n, function, SocketTimer::whole(0));
+  return read_fixed(ch, type, out, n, function, item_timer(ch));
+}
+
 // 0 sent, 1 dropped by an abort, -1 failed (logged).
 int send_buffer(ZTRPC *ch, const char *p, uint64_t n, const char *function) {
-  switch (send_all(ch->socket, p, n, timer_of(ch, ch->timeout), rpc_log(function))) {
+  const Channel *box = channel_of(ch);
+  const PeerAddress *to = datagram_server(ch) && box->has_reply_to ? &box->reply_to : nullptr;
+  switch (send_all(ch->socket, p, n, timer_of(ch, ch->timeout), rpc_log(function), to)) {
     case IoStatus::kDone:
       return 0;
     case IoStatus::kAborted:
@@ -470,26 +586,8 @@ ZT_API int32_t ZTRPC_WriteFile(ZTRPC *ch, const char *path) {
 }
 
 ZT_API int32_t ZTRPC_read(ZTRPC *ch) {
-  const char *fn = "ZTRPC_read";
-  if (!connected(ch)) {
-    ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
-    return -1;
-  }
-  char buf[65536];
-  size_t got = 0;
-  // A datagram server answers the peer it last heard from.
-  const bool datagram_server = ch->protocol == ZT_RPC_UDP && ch->state == ZT_RPC_LISTENING;
-  PeerAddress peer;
-  const IoStatus status = recv_some(ch->socket, buf, sizeof buf, got, timer_of(ch, ch->timeout), rpc_log(fn),
-                                    datagram_server ? &peer : nullptr);
-  if (status != IoStatus::kDone) {
-    if (status == IoStatus::kTimeout && !aborted(ch))
-      ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);
-    return -1;
-  }
-  if (datagram_server) ::connect(ch->socket, reinterpret_cast<sockaddr *>(&peer.address), peer.length);
-  if (ZT_MemBufAppend(ch->input, buf, got) != 0) return -1;
-  return static_cast<int32_t>(got);
+  if (ch == nullptr) return read_more(ch, SocketTimer::whole(0), "ZTRPC_read");
+  return read_more(ch, item_timer(ch), "ZTRPC_read");
 }
 
 ZT_API int32_t ZTRPC_ReadHeader(ZTRPC *ch, uint32_t *type, uint64_t *length) {
@@ -497,11 +595,7 @@ ZT_API int32_t ZTRPC_ReadHeader(ZTRPC *ch, uint32_t *type, uint64_t *length) {
     ZT_LOG(kModule, "ZTRPC_ReadHeader", "NULL rpc handle or socket is not connected");
     return -1;
   }
-  if (need(ch, ZT_RPC_ITEM_HEADER) != 0) return -1;
-  *type = zt::load_be32(input_at(ch));
-  *length = zt::load_be64(input_at(ch) + 4);
-  consume(ch, ZT_RPC_ITEM_HEADER);
-  return 0;
+  return read_header(ch, type, length, item_timer(ch));
 }
 
 ZT_API int32_t ZTRPC_ReadULong(ZTRPC *ch, uint32_t *value) {
@@ -547,13 +641,14 @@ ZT_API int32_t ZTRPC_ReadString(ZTRPC *ch, char *buffer, uint64_t size) {
     ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
     return -1;
   }
-  if (expect_item(ch, ZT_RPC_STRING, &length, false, 0, fn) != 0) return -1;
+  const SocketTimer timer = item_timer(ch);
+  if (expect_item(ch, ZT_RPC_STRING, &length, false, 0, fn, timer) != 0) return -1;
   if (length >= size) {
     ZT_LOG(kModule, fn, "Buffer overflow");
-    skip(ch, length);
+    skip(ch, length, timer);
     return -1;
   }
-  if (need(ch, length) != 0) return -1;
+  if (need(ch, length, timer) != 0) return -1;
   std::memcpy(buffer, input_at(ch), length);
   buffer[length] = '\0';
   consume(ch, length);
@@ -569,25 +664,30 @@ ZT_API int32_t ZTRPC_ReadPacketable(ZTRPC *ch, void **record, uint32_t *storage_
       return -1;
     }
     *record = nullptr;
-    if (expect_item(ch, ZT_RPC_PACKETABLE, &length, false, 0, fn) != 0) return -1;
+    const SocketTimer timer = item_timer(ch);
+    if (expect_item(ch, ZT_RPC_PACKETABLE, &length, false, 0, fn, timer) != 0) return -1;
     uint32_t third = 0;
     if (length < 48) {
       ZT_LOG(kModule, fn, "Expected item type %d, got type %u with %llu bytes", static_cast<int>(ZT_RPC_PACKETABLE),
              ZT_RPC_PACKETABLE,
              static_cast<unsigned long long>(length));
-      skip(ch, length);
+      skip(ch, length, timer);
       return -1;
     }
-    if (ZTRPC_ReadULong(ch, storage_class) != 0 || ZTRPC_ReadULong(ch, flags) != 0 || ZTRPC_ReadULong(ch, &third) != 0)
-      return -1;
+    // The three values are inside the item, so they share its deadline.
+    unsigned char value[3][4];
+    for (auto &v : value)
+      if (read_fixed(ch, ZT_RPC_ULONG, v, 4, "ZTRPC_ReadULong", timer) != 0) return -1;
+    *storage_class = zt::load_be32(value[0]);
+    *flags = zt::load_be32(value[1]);
+    third = zt::load_be32(value[2]);
+    (void)third;
     const uint64_t body = length - 48;
-    if (need(ch, body) != 0) return -1;
     ZTPacketMemory *pm = InitAllocPacketMemory(0);
-    if (pm == nullptr || AppendPacketMemory(pm, input_at(ch), body) != 0) {
+    if (pm == nullptr || receive_into(ch, pm, body, timer) != 0) {
       FreePacketMemory(&pm);
       return -1;
     }
-    consume(ch, body);
     if (*flags & 1u) {
       // An empty list decodes to NULL too; read_offset tells it from a failure.
       ZTListNode *list = MakeListFromPacket(pm, *storage_class);
@@ -605,7 +705,12 @@ ZT_API int32_t ZTRPC_ReadPacketable(ZTRPC *ch, void **record, uint32_t *storage_
 ZT_API int32_t ZTRPC_ReadSkipItem(ZTRPC *ch) {
   uint32_t type = 0;
   uint64_t length = 0;
-  if (ZTRPC_ReadHeader(ch, &type, &length) != 0) return -1;
+  if (ch == nullptr) {
+    ZT_LOG(kModule, "ZTRPC_ReadHeader", "NULL rpc handle or socket is not connected");
+    return -1;
+  }
+  const SocketTimer timer = item_timer(ch);
+  if (read_header(ch, &type, &length, timer) != 0) return -1;
   // File data may be far larger than any other item.
   const uint64_t limit = type == ZT_RPC_FILE_DATA ? g_max_file.load() : g_max_item.load();
   if (length > limit) {
@@ -613,7 +718,17 @@ ZT_API int32_t ZTRPC_ReadSkipItem(ZTRPC *ch) {
            static_cast<unsigned long long>(length), static_cast<unsigned long long>(limit));
     return -1;
   }
-  if (skip(ch, length) != 0) return -1;
+  // Other items are bound by the header's deadline; file data gets one
+  // deadline per block, as in ZTRPC_GetFile.
+  if (type != ZT_RPC_FILE_DATA) {
+    if (skip(ch, length, timer) != 0) return -1;
+  } else {
+    while (length > 0) {
+      const uint64_t piece = length < kFileBlock ? length : kFileBlock;
+      if (skip(ch, piece, item_timer(ch)) != 0) return -1;
+      length -= piece;
+    }
+  }
   return static_cast<int32_t>(type);
 }
 
@@ -625,7 +740,7 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
       ZT_LOG(kModule, fn, "NULL rpc handle or socket is not connected");
       return -1;
     }
-    if (expect_item(ch, ZT_RPC_FILE_START, &length, true, 0, fn) != 0) return -1;
+    if (expect_item(ch, ZT_RPC_FILE_START, &length, true, 0, fn, item_timer(ch)) != 0) return -1;
     char path[4096];
     if (ZTRPC_ReadString(ch, path, sizeof path) != 0) return -1;
     uint32_t type = 0;
@@ -663,7 +778,11 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     FdCloser out_closer{out};
     if (out < 0) {
       ZT_LOG(kModule, fn, "Cannot create file %s in %s", leaf.c_str(), directory);
-      skip(ch, length);
+      for (uint64_t left = length; left > 0;) {
+        const uint64_t piece = left < kFileBlock ? left : kFileBlock;
+        if (skip(ch, piece, item_timer(ch)) != 0) break;
+        left -= piece;
+      }
       return -1;
     }
     auto fail = [&] {
@@ -690,13 +809,13 @@ ZT_API int32_t ZTRPC_GetFile(ZTRPC *ch, const char *directory, char *name, uint6
     if (first && !write_all(input_at(ch), first)) return fail();
     consume(ch, first);
     left -= first;
-    constexpr uint64_t kBlock = 1u << 20;
+    constexpr uint64_t kBlock = kFileBlock;
     std::unique_ptr<char[]> block(new char[kBlock]);
-    const SocketTimer timer = timer_of(ch, ch->timeout);
     while (left > 0) {
       size_t got = 0;
-      const IoStatus status =
-          recv_exact(ch->socket, block.get(), static_cast<size_t>(left < kBlock ? left : kBlock), got, timer, rpc_log(fn));
+      // A file may be far too large for one time-out; each block gets its own.
+      const IoStatus status = recv_exact(ch->socket, block.get(), static_cast<size_t>(left < kBlock ? left : kBlock),
+                                         got, item_timer(ch), rpc_log(fn));
       if (status != IoStatus::kDone) {
         if (status == IoStatus::kTimeout && !aborted(ch))
           ZT_LOG(kModule, fn, "Timeout after %d seconds reading from socket", ch->timeout);

@@ -85,11 +85,15 @@ IoStatus recv_exact(int fd, void *buffer, size_t n, size_t &got, const SocketTim
   return IoStatus::kDone;
 }
 
-IoStatus send_all(int fd, const void *data, size_t n, const SocketTimer &timer, const SocketLog &log) {
+IoStatus send_all(int fd, const void *data, size_t n, const SocketTimer &timer, const SocketLog &log,
+                  const PeerAddress *to) {
   const char *p = static_cast<const char *>(data);
   while (n > 0) {
     if (timer.aborted()) return IoStatus::kAborted;
-    const ssize_t sent = ::send(fd, p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent =
+        to != nullptr ? ::sendto(fd, p, n, MSG_NOSIGNAL | MSG_DONTWAIT,
+                                 reinterpret_cast<const sockaddr *>(&to->address), to->length)
+                      : ::send(fd, p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       p += sent;
       n -= static_cast<size_t>(sent);

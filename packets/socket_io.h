@@ -23,15 +23,17 @@ struct SocketLog {
   const char *closed;     // the peer closed the connection
 };
 
-// When waiting gives up. The packet readers bound a whole header or body by
-// one deadline; an RPC channel gives every wait its time-out afresh and also
-// stops when another thread sets its abort flag.
+// When waiting gives up. A reader bounds a whole unit (a packet header or
+// body, an RPC item) by one deadline, so a peer that trickles bytes cannot
+// stretch it; a wait of its own (an accept, an RPC send) gets its time-out
+// afresh at every wait. With an abort flag, either also stops when another
+// thread sets the flag.
 class SocketTimer {
  public:
   using Clock = std::chrono::steady_clock;
 
-  static SocketTimer whole(int32_t seconds) {
-    return SocketTimer(Clock::now() + std::chrono::seconds(seconds < 0 ? 0 : seconds), 0, nullptr);
+  static SocketTimer whole(int32_t seconds, const int32_t *abort_flag = nullptr) {
+    return SocketTimer(Clock::now() + std::chrono::seconds(seconds < 0 ? 0 : seconds), 0, abort_flag);
   }
   static SocketTimer per_wait(int32_t seconds, const int32_t *abort_flag) {
     return SocketTimer(Clock::time_point{}, seconds, abort_flag);
@@ -67,7 +69,7 @@ enum class IoStatus {
 // Waits until `fd` is ready for `events`.
 IoStatus wait_ready(int fd, short events, const SocketTimer &timer, const SocketLog &log);
 
-// Where a datagram came from, for a server that answers whoever spoke last.
+// Where a datagram came from, and where a datagram server sends its answer.
 struct PeerAddress {
   sockaddr_in address{};
   socklen_t length = sizeof(sockaddr_in);
@@ -82,7 +84,8 @@ IoStatus recv_some(int fd, void *buffer, size_t n, size_t &got, const SocketTime
 // when the loop ends early.
 IoStatus recv_exact(int fd, void *buffer, size_t n, size_t &got, const SocketTimer &timer, const SocketLog &log);
 
-// Sends all `n` bytes.
-IoStatus send_all(int fd, const void *data, size_t n, const SocketTimer &timer, const SocketLog &log);
+// Sends all `n` bytes; with `to`, as one datagram to that address.
+IoStatus send_all(int fd, const void *data, size_t n, const SocketTimer &timer, const SocketLog &log,
+                  const PeerAddress *to = nullptr);
 
 }  // namespace zt::packets

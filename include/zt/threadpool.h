@@ -43,6 +43,9 @@ static inline uint32_t ZT_StopRequested(const uint32_t *stop) {
   return __atomic_load_n(stop, __ATOMIC_ACQUIRE);
 }
 
+/* The cap on a pool's threads until threadpoolSetMaxNumThreads changes it. */
+#define ZT_THREADPOOL_DEFAULT_MAX_THREADS 64u
+
 typedef struct ZT_ThreadPool ZT_ThreadPool;
 typedef struct ZT_ThreadWorker ZT_ThreadWorker;
 
@@ -97,6 +100,15 @@ ZT_API int32_t threadpoolThreadExited(ZT_ThreadPool *pool);
  * are fewer idle ones than that. 0, or -1 for no pool; running out of memory
  * or threads stops quietly with 0. */
 ZT_API int32_t threadpoolSetMinNumThreads(ZT_ThreadPool *pool, uint32_t min_threads);
+/* The most threads (idle, busy and ended but not yet joined) a pool keeps;
+ * ZT_THREADPOOL_DEFAULT_MAX_THREADS when created. threadpoolExecute over the
+ * cap starts no thread: it logs "Thread pool is at its limit of %u threads"
+ * and returns -1, so a server that hands each connection a thread refuses
+ * the connection instead of growing without bound. threadpoolSetMinNumThreads
+ * starts none beyond it either. 0 restores the default; lowering the cap
+ * stops no running function. 0, or -1 for no pool. */
+ZT_API int32_t threadpoolSetMaxNumThreads(ZT_ThreadPool *pool, uint32_t max_threads);
+
 /* Sets the maximum idle age (0 means 180 seconds) and registers or updates the
  * garbage-collection task, which runs every max(60, 2/3 * age) seconds.
  * 0, or -1 for no pool or when the task cannot be registered (logged by the

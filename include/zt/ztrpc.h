@@ -7,6 +7,19 @@
  * buffer and leave in one piece with ZTRPC_WriteFlush; reads are served from
  * the input buffer, refilled from the socket with the channel's time-out.
  *
+ * The time-out bounds a whole item, header and data together, not each wait:
+ * a peer that sends one byte just inside every time-out is dropped once the
+ * item's time is up ("Timeout after %d seconds reading from socket"). File
+ * data, which may be far larger, must bring each 1 MiB block (or the rest)
+ * within one time-out. A server that gives each connection a thread of a
+ * pool also relies on the pool's cap (threadpoolSetMaxNumThreads) to bound
+ * the threads that stalled peers hold.
+ *
+ * A datagram ("udp") server reads from every peer, and its answers (the next
+ * ZTRPC_WriteFlush) go to the peer whose datagram it read last. A datagram
+ * must hold whole items (one flush of at most 64 KiB is one datagram), so
+ * the items of different peers never mix.
+ *
  * Readers check the item type and the exact data length each expects
  * (4 bytes for types 1, 2 and 7; 8 for 10 and 11; type 6 at least 48). A
  * mismatch logs "Expected item type %d, got type %u with %llu bytes", skips

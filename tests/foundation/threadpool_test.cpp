@@ -113,6 +113,49 @@ TEST(ThreadPoolMT, ReusesTheMostRecentlyIdleThreadFirst) {
   threadpoolDestroy(pool);
 }
 
+// A pool at its cap starts no thread: idle ones are still reused, threads
+// that ended by themselves are joined to make room, and only a call that
+// finds every slot taken is refused. The minimum never goes past the cap.
+TEST(ThreadPoolMT, CapBoundsThreadsButIdleAndEndedOnesMakeRoom) {
+  TempDir dir;
+  ChdirGuard in_dir(dir.path());
+  LibraryScope library;
+  LogCapture log;
+  ZT_ThreadPool *pool = threadpoolCreate(0, 0);
+  ASSERT_NE(pool, nullptr);
+  ASSERT_EQ(threadpoolSetMaxNumThreads(pool, 2), 0);
+  EXPECT_EQ(threadpoolSetMinNumThreads(pool, 5), 0);
+  EXPECT_EQ(threadpoolIdleCount(pool), 2u);
+  std::vector<Job> jobs(2);
+  for (auto &job : jobs) ASSERT_EQ(threadpoolExecute(pool, held, &job), 0);
+  Job over;
+  EXPECT_EQ(threadpoolExecute(pool, held, &over), -1);
+  log.expect_one("Thread pool is at its limit of 2 threads");
+  EXPECT_EQ(threadpoolBusyCount(pool) + threadpoolIdleCount(pool), 2u);
+
+  // A thread that ends instead of going idle still holds its slot until it
+  // is joined; the next call joins it rather than refusing.
+  Job ending;
+  jobs[0].let_go();
+  ASSERT_TRUE(wait_for([&] { return threadpoolIdleCount(pool) == 1; }));
+  ASSERT_EQ(threadpoolSetMinNumThreads(pool, 0), 0);
+  ASSERT_EQ(threadpoolExecute(pool, finalising, &ending), 0);
+  ASSERT_TRUE(wait_for([&] { return ending.done.load() && threadpoolBusyCount(pool) == 1; }));
+  ASSERT_EQ(threadpoolExecute(pool, held, &over), 0);
+  ASSERT_TRUE(wait_for([&] { return over.entered.load(); }));
+  EXPECT_EQ(threadpoolBusyCount(pool), 2u);
+  log.expect_none();
+
+  ASSERT_EQ(threadpoolSetMaxNumThreads(pool, 0), 0);  // back to the default
+  std::vector<Job> more(3);
+  for (auto &job : more) EXPECT_EQ(threadpoolExecute(pool, held, &job), 0);
+  for (auto &job : more) job.let_go();
+  jobs[1].let_go();
+  over.let_go();
+  threadpoolDestroy(pool);
+  log.expect_none();
+}
+
 // Two pools idle alike; one is collected at once, so its next collection
 // within the minute is skipped, while the other's first collection retires
 // the threads idle for longer than the one-second age, down to the minimum.

@@ -8,6 +8,8 @@
 
 #include <filesystem>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +22,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <zt/threadpool.h>
 
 namespace {
 
@@ -341,6 +345,175 @@ TEST_F(Rpc, DatagramsTravelBothWays) {
   ZTRPC_Destroy(client);
   ZTRPC_Destroy(server);
   expect_no_log();
+}
+
+// One byte a second used to keep a channel forever, since every wait got the
+// time-out afresh. The whole item now has one deadline: a trickling peer is
+// dropped after about the time-out, however slowly its bytes come.
+TEST_F(Rpc, TricklingPeerMTIsDroppedWithinOneItemTimeout) {
+  RpcPair p;
+  ASSERT_TRUE(p.ok());
+  ZTRPC_SetTimeout(p.conn, 2);
+  const std::string wire = item_bytes(2, 4, std::string("\0\0\0\7", 4));
+  std::atomic<bool> done{false};
+  std::thread trickler([&] {
+    for (size_t i = 0; i < wire.size() && !done.load(); ++i) {
+      ::send(p.client->socket, wire.data() + i, 1, MSG_NOSIGNAL);
+      for (int t = 0; t < 10 && !done.load(); ++t) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+  uint32_t v = 0;
+  const auto start = Clock::now();
+  EXPECT_EQ(ZTRPC_ReadULong(p.conn, &v), -1);
+  const auto took = Clock::now() - start;
+  done = true;
+  trickler.join();
+  EXPECT_GE(took, std::chrono::milliseconds(1900));
+  EXPECT_LT(took, std::chrono::milliseconds(3500));
+  expect_one_log("Timeout after 2 seconds reading from socket");
+
+  // A packetable's header, three values and body are one item too.
+  RpcPair q;
+  ASSERT_TRUE(q.ok());
+  ZTRPC_SetTimeout(q.conn, 2);
+  const std::string body = "SI 64\n2 " + std::string(40, 'L') + "\nTI 0\n";
+  const std::string packet =
+      item_bytes(6, 48 + body.size(),
+                 item_bytes(2, 4, std::string("\0\0\0\x64", 4)) + item_bytes(2, 4, std::string(4, '\0')) +
+                     item_bytes(2, 4, std::string(4, '\0')) + body);
+  done = false;
+  std::thread slow_sender([&] {
+    // Every piece comes well inside the time-out; together they take longer.
+    for (size_t i = 0; i < packet.size() && !done.load(); i += 16) {
+      ::send(q.client->socket, packet.data() + i, std::min<size_t>(16, packet.size() - i), MSG_NOSIGNAL);
+      for (int t = 0; t < 7 && !done.load(); ++t) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+  void *rec = nullptr;
+  uint32_t cls = 0, flags = 0;
+  const auto start2 = Clock::now();
+  EXPECT_EQ(ZTRPC_ReadPacketable(q.conn, &rec, &cls, &flags), -1);
+  const auto took2 = Clock::now() - start2;
+  done = true;
+  slow_sender.join();
+  EXPECT_EQ(rec, nullptr);
+  EXPECT_LT(took2, std::chrono::milliseconds(3500));
+  expect_one_log("Timeout after 2 seconds reading from socket");
+}
+
+// A server that hands every connection to a pool thread: peers that connect
+// and say nothing hold their threads until the time-out, so the pool's cap is
+// what bounds the threads, and a connection over it is refused, not served.
+namespace server {
+struct Conn {
+  ZTRPC *channel;
+  std::atomic<int> *finished;
+};
+void serve(void *argument, uint32_t *) {
+  auto *conn = static_cast<Conn *>(argument);
+  uint32_t code = 0;
+  if (ZTRPC_ReadRPC(conn->channel, &code) == 0) {
+    ZTRPC_WriteULong(conn->channel, code + 1);
+    ZTRPC_WriteFlush(conn->channel);
+  }
+  ZTRPC_Destroy(conn->channel);
+  conn->finished->fetch_add(1);
+  delete conn;
+}
+size_t task_count() {
+  size_t n = 0;
+  for ([[maybe_unused]] const auto &e : std::filesystem::directory_iterator("/proc/self/task")) ++n;
+  return n;
+}
+}  // namespace server
+
+TEST_F(Rpc, StalledPeersMTOverThePoolCapGetNoMoreThreads) {
+  constexpr uint32_t kCap = 4;
+  constexpr int kExtra = 6;
+  ZT_ThreadPool *pool = threadpoolCreate(0, 0);
+  ASSERT_NE(pool, nullptr);
+  EXPECT_EQ(threadpoolSetMaxNumThreads(pool, kCap), 0);
+  ZTRPC *listener = ZTRPC_ServerCreateAt("127.0.0.1", 0, 64, "tcp");
+  ASSERT_NE(listener, nullptr);
+  const size_t tasks_before = server::task_count();
+  std::atomic<int> finished{0};
+  int refused = 0;
+  std::vector<ZTRPC *> stalled;
+  for (uint32_t i = 0; i < kCap + kExtra; ++i) {
+    stalled.push_back(ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(listener), "tcp"));
+    ASSERT_NE(stalled.back(), nullptr);
+    ZTRPC *ch = ZTRPC_WaitForConnection(listener, 5);
+    ASSERT_NE(ch, nullptr);
+    ZTRPC_SetTimeout(ch, 3);
+    auto *conn = new server::Conn{ch, &finished};
+    if (threadpoolExecute(pool, server::serve, conn) != 0) {
+      ++refused;
+      ZTRPC_Destroy(ch);
+      delete conn;
+    }
+  }
+  EXPECT_EQ(refused, kExtra);
+  EXPECT_LE(threadpoolBusyCount(pool) + threadpoolIdleCount(pool), kCap);
+  EXPECT_LE(server::task_count(), tasks_before + kCap);
+  EXPECT_EQ(log_.lines().size(), static_cast<size_t>(kExtra));
+  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "Thread pool is at its limit of 4 threads");
+  log_.clear();
+
+  // Once the stalled ones have timed out, the pool serves again.
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (finished.load() < static_cast<int>(kCap) && Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(finished.load(), static_cast<int>(kCap));
+  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "Timeout after 3 seconds reading from socket");
+  log_.clear();
+  ZTRPC *good = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(listener), "tcp");
+  ASSERT_NE(good, nullptr);
+  ZTRPC *ch = ZTRPC_WaitForConnection(listener, 5);
+  ASSERT_NE(ch, nullptr);
+  ASSERT_EQ(threadpoolExecute(pool, server::serve, new server::Conn{ch, &finished}), 0);
+  ZTRPC_WriteRPC(good, 41);
+  ASSERT_EQ(ZTRPC_WriteFlush(good), 0);
+  uint32_t answer = 0;
+  EXPECT_EQ(ZTRPC_ReadULong(good, &answer), 0);
+  EXPECT_EQ(answer, 42u);
+  ZTRPC_Destroy(good);
+  for (ZTRPC *c : stalled) ZTRPC_Destroy(c);
+  threadpoolDestroy(pool);
+  ZTRPC_Destroy(listener);
+  // Peers closed before the server read anything may have been logged.
+  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "socket closed on other end ?");
+  log_.clear();
+}
+
+// A datagram server hears every peer; its answer goes to the one it heard
+// last. It used to fix itself on the first peer and drop everyone else.
+TEST_F(Rpc, DatagramServerServesEveryPeer) {
+  ZTRPC *server = ZTRPC_ServerCreateAt("127.0.0.1", 0, 0, "udp");
+  ASSERT_NE(server, nullptr);
+  ZTRPC_SetTimeout(server, 2);
+  ZTRPC *a = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(server), "udp");
+  ZTRPC *b = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(server), "udp");
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  ZTRPC_SetTimeout(a, 2);
+  ZTRPC_SetTimeout(b, 2);
+  uint32_t v = 0;
+  for (int round = 0; round < 2; ++round) {
+    for (ZTRPC *peer : {a, b}) {
+      const uint32_t sent = peer == a ? 10u + round : 20u + round;
+      ZTRPC_WriteULong(peer, sent);
+      ASSERT_EQ(ZTRPC_WriteFlush(peer), 0);
+      ASSERT_EQ(ZTRPC_ReadULong(server, &v), 0);
+      EXPECT_EQ(v, sent);
+      ZTRPC_WriteULong(server, sent * 2);
+      ASSERT_EQ(ZTRPC_WriteFlush(server), 0);
+      ASSERT_EQ(ZTRPC_ReadULong(peer, &v), 0);
+      EXPECT_EQ(v, sent * 2);
+    }
+  }
+  ZTRPC_Destroy(a);
+  ZTRPC_Destroy(b);
+  ZTRPC_Destroy(server);
 }
 
 TEST_F(Rpc, AbortFromAnotherThreadMTUnblocksReaders) {
