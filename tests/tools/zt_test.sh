@@ -263,6 +263,21 @@ expect 1 "output too large at this resolution" -- "$zt" rip good.png -o out/x.vl
 status=$?
 [[ $status -eq 1 && $(wc -l <err.txt) -eq 1 ]] && pass || bad "full disk: exit $status, stderr $(head -c 300 err.txt)"
 only_files out "failed rips leave nothing behind"
+# A disk that really fills: a 256 KiB tmpfs, mounted in a user and mount
+# namespace of its own where the machine allows one (no root needed).
+if unshare --user --map-root-user --mount true 2>/dev/null; then
+  mkdir -p full
+  unshare --user --map-root-user --mount bash -c '
+    mount -t tmpfs -o size=256k tmpfs full || exit 3
+    "$1" rip -o full/x.vlimg --dpi 200 --quiet 2>err.txt
+    echo $? >status.txt
+    ls -A full >left.txt' _ "$zt"
+  status=$(cat status.txt 2>/dev/null)
+  [[ $status == 1 && $(wc -l <err.txt) -eq 1 && ! -s left.txt ]] && pass ||
+    bad "full tmpfs: exit $status, stderr $(head -c 300 err.txt), left: $(cat left.txt 2>/dev/null)"
+else
+  echo "note: no user namespaces here; the full-tmpfs case is left to the file-size limit above"
+fi
 # Interrupted: the temporary goes with the process.
 "$zt" rip -o out/x.vlimg --dpi 600 --preview out/x.png --quiet &
 pid=$!
