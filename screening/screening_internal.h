@@ -16,7 +16,7 @@ inline constexpr const char *kModule = "screening";
 inline constexpr uint32_t kWeightGroups = 6151;
 inline constexpr uint32_t kWeightEntries = kWeightGroups * 4;
 // Side of the blue-noise mask of modes 2 and 9.
-inline constexpr uint32_t kMaskSide = 128;
+inline constexpr uint32_t kMaskSide = 256;
 
 // Error diffusion (modes 3 and 10): rows, the weight table (shared through
 // the cache) and the kernel. 0, or -1 after logging.
