@@ -53,9 +53,16 @@ constexpr double kStart = 0.03;
 class VoidAndCluster {
  public:
   explicit VoidAndCluster(double aspect)
-      : dx_(std::sqrt(aspect)), dy_(1.0 / std::sqrt(aspect)), energy_(kArea, 0.0), dots_(kArea, 0),
-        block_hi_(kArea / kBlock), block_lo_(kArea / kBlock), block_dirty_(kArea / kBlock, 1), row_hi_(kSide),
-        row_lo_(kSide), row_dirty_(kSide, 1) {}
+      : dx_(std::sqrt(aspect)),
+        dy_(1.0 / std::sqrt(aspect)),
+        energy_(kArea, 0.0),
+        dots_(kArea, 0),
+        block_hi_(kArea / kBlock),
+        block_lo_(kArea / kBlock),
+        block_dirty_(kArea / kBlock, 1),
+        row_hi_(kSide),
+        row_lo_(kSide),
+        row_dirty_(kSide, 1) {}
 
   void build(uint32_t *ranks) {
     // A fixed generator: the mask is part of the product's look, the same in

@@ -123,15 +123,17 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
 // next cut to the sum, the truncating division, the level choice and the
 // carry's product. The thresholds and the candidate errors are taken
 // relative to the pixel's own tone before its carried error is known, so
-// the choice is a comparison and a select on that error alone; a zero pixel
+// the choice is a few sign masks on that error alone; a zero pixel
 // gets a threshold it cannot pass and keeps none of the error, and a value
 // of 0 cannot pass a threshold and leaves an error of 0 - 0 (density 0), so
 // both give no dot and no error without a branch. The three next-row entries
 // a pixel touches (behind, under, ahead) are summed in registers and each
 // stored once, in the order the walk adds to it; a pixel that spreads no
 // error (rare: a branch the processor predicts) adds nothing and keeps the
-// carry and the cursor. Each plane's bits gather in a register until the
-// walk leaves their byte.
+// carry and the cursor. The planes' bits gather in one register, a byte a
+// plane, until the walk leaves their byte. The loop is short enough that
+// its instruction count matters as much as the chain, hence the per-tone
+// threshold table and the pre-spread codes.
 template <typename T, int Planes, int Top, int Dir>
 void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) {
   const int32_t *cur = o->errorRowA + 4;
@@ -142,41 +144,61 @@ void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) 
   const int32_t t1 = thr[1], t2 = Top == 3 ? thr[2] : 0, t3 = Top == 3 ? thr[3] : 0;
   const int32_t d1 = den[1];
   const int32_t s1 = den[1], s2 = Top == 3 ? den[2] - den[1] : 0, s3 = Top == 3 ? den[3] - den[2] : 0;
-  const uint32_t c1 = codes[1];
-  // Level 0 prints nothing, whatever code the profile gives the paper.
-  const uint32_t level_codes[4] = {0u, codes[1], Top == 3 ? codes[2] : 0u, Top == 3 ? codes[3] : 0u};
+  // Each level's code spread one plane a byte (plane k in bit 0 of byte k),
+  // so a pixel's bits for every plane are placed with one shift. Level 0
+  // prints nothing, whatever code the profile gives the paper.
+  uint64_t spread[4] = {0, 0, 0, 0};
+  for (int l = 1; l <= Top; ++l)
+    for (int k = 0; k < Planes; ++k) spread[l] |= static_cast<uint64_t>((codes[l] >> k) & 1u) << (8 * k);
+  // Eight-bit input: each tone's thresholds less the tone, looked up
+  // rather than formed; a zero pixel's can never be passed. (Far above any
+  // carried error, which stays within a few times the full scale, and far
+  // enough from the int32 limits that the differences below cannot
+  // overflow.)
+  constexpr int32_t kNever = 1 << 30;
+  struct Relative {
+    int32_t t1, t2, t3, pad;
+  };
+  Relative table[sizeof(T) == 1 ? 256 : 1];
+  if constexpr (sizeof(T) == 1)
+    for (int32_t v = 0; v < 256; ++v)
+      table[v] = v == 0 ? Relative{kNever, kNever, kNever, 0} : Relative{t1 - v, t2 - v, t3 - v, 0};
   const int32_t *w = o->weightCursor;
   const int32_t *const w_end = o->weightTableEnd;
   const size_t bpp = o->bytesPerPlane;
   int32_t carry = 0, behind = 0, under = 0;
-  uint32_t bits[Planes] = {};
+  uint64_t bits = 0;
   ptrdiff_t x = Dir < 0 ? static_cast<ptrdiff_t>(width) - 1 : 0;
   const ptrdiff_t x_end = Dir < 0 ? -1 : static_cast<ptrdiff_t>(width);
   const ptrdiff_t last_in_byte = Dir < 0 ? 0 : 7;
   for (; x != x_end; x += Dir) {
     const int32_t sample = in[x];
     const int32_t keep = -static_cast<int32_t>(sample != 0);
-    // Far above any carried error (a few times the full scale at most), and
-    // far enough from the int32 limits that the differences below cannot
-    // overflow.
-    const int32_t never = 1 << 30;
+    Relative u;
+    if constexpr (sizeof(T) == 1) {
+      u = table[sample];
+    } else {
+      u.t1 = sample != 0 ? t1 - sample : kNever;
+      u.t2 = sample != 0 ? t2 - sample : kNever;
+      u.t3 = sample != 0 ? t3 - sample : kNever;
+    }
     const int32_t q = static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
     // m_k is all ones where the value passes threshold k: masks, not
     // selects, so that the compiler cannot turn the choice into a branch
     // (it is as random as the screen and would miss half the time).
-    const int32_t m1 = ((sample != 0 ? t1 - sample : never) - q) >> 31;
+    const int32_t m1 = (u.t1 - q) >> 31;
     int32_t rest;  // the error less the carried part
-    uint32_t code;
+    uint64_t placed;
     if constexpr (Top == 1) {
       rest = sample - (m1 & d1);
-      code = c1 & static_cast<uint32_t>(m1);
+      placed = spread[1] & static_cast<uint64_t>(static_cast<int64_t>(m1));
     } else {
       // Thresholds rise, so the passed ones are a prefix: the masked steps
       // add up to the level's density, and the number passed is the level.
-      const int32_t m2 = ((sample != 0 ? t2 - sample : never) - q) >> 31;
-      const int32_t m3 = ((sample != 0 ? t3 - sample : never) - q) >> 31;
+      const int32_t m2 = (u.t2 - q) >> 31;
+      const int32_t m3 = (u.t3 - q) >> 31;
       rest = sample - ((m1 & s1) + ((m2 & s2) + (m3 & s3)));
-      code = level_codes[-(m1 + m2 + m3)];
+      placed = spread[-(m1 + m2 + m3)];
     }
     const int32_t e = (q & keep) + rest;
     if (e != 0) [[likely]] {
@@ -195,20 +217,19 @@ void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) 
       behind = under;
       under = 0;
     }
-    const uint32_t shift = 7u - static_cast<uint32_t>(x & 7);
-    for (int k = 0; k < Planes; ++k) bits[k] |= ((code >> k) & 1u) << shift;
+    bits |= placed << (7u - static_cast<uint32_t>(x & 7));
     if ((x & 7) == last_in_byte) {
-      for (int k = 0; k < Planes; ++k) {
-        out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits[k]);
-        bits[k] = 0;
-      }
+      for (int k = 0; k < Planes; ++k)
+        out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits >> (8 * k));
+      bits = 0;
     }
   }
   x -= Dir;  // the last pixel
   next[x] = behind;
   next[x + Dir] = under;
   if ((x & 7) != last_in_byte)
-    for (int k = 0; k < Planes; ++k) out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits[k]);
+    for (int k = 0; k < Planes; ++k)
+      out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits >> (8 * k));
   o->weightCursor = const_cast<int32_t *>(w);
 }
 

@@ -299,7 +299,8 @@ int32_t build_level_tables(ScreeningObject *object) {
   for (uint32_t m = 0; m < 256; ++m) {
     uint32_t v = 0;
     for (uint32_t level = 1; level <= top; ++level) {
-      while (v < 255 && base[v + 1] + (first[v + 1] > m ? 1u : 0u) + (second[v + 1] > m ? 1u : 0u) < level) ++v;
+      while (v < 255 && base[v + 1] + (first[v + 1] > m ? 1u : 0u) + (second[v + 1] > m ? 1u : 0u) < level)
+        ++v;
       below[level - 1][m] = static_cast<uint8_t>(v);
     }
   }

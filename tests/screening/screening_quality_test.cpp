@@ -309,7 +309,8 @@ double overlay_moire_line(bool default_set) {
   double f_min = 1;  // cycles a pixel of the coarsest screen
   const double angles[3] = {15, 75, 45};
   for (uint32_t i = 0; i < 3; ++i) {
-    ScreeningSettings s = settings_for(default_set ? ZT_SCREEN_HALFTONE_SUPERCELL : ZT_SCREEN_HALFTONE_RATIONAL);
+    ScreeningSettings s =
+        settings_for(default_set ? ZT_SCREEN_HALFTONE_SUPERCELL : ZT_SCREEN_HALFTONE_RATIONAL);
     if (default_set) s.flags = ZT_SCREEN_FLAG_CMYK_SET;
     s.channel = i == 2 ? 3 : i;
     s.angle = angles[i];

@@ -303,12 +303,14 @@ TEST(ScreeningErrorDiffusion, ShortChainLoopMatchesThePixelWalk) {
             auto run = [&](ScreeningObject *o, std::vector<uint8_t> &out) {
               std::vector<uint16_t> in16 = line16;
               std::vector<uint8_t> in8 = line8;
-              void *in = input_bits == 16 ? static_cast<void *>(in16.data()) : static_cast<void *>(in8.data());
+              void *in =
+                  input_bits == 16 ? static_cast<void *>(in16.data()) : static_cast<void *>(in8.data());
               return o->screenScanline(o, in, out.data(), width, y);
             };
             ASSERT_EQ(run(fast.get(), a), 0);
             ASSERT_EQ(run(walk.get(), b), 0);
-            ASSERT_EQ(a, b) << input_bits << " bits, " << levels << " levels, width " << width << ", line " << y;
+            ASSERT_EQ(a, b) << input_bits << " bits, " << levels << " levels, width " << width << ", line "
+                            << y;
             ASSERT_EQ(0, std::memcmp(fast->errorRowA, walk->errorRowA, (width + 8) * sizeof(int32_t))) << y;
             ASSERT_EQ(0, std::memcmp(fast->errorRowB, walk->errorRowB, (width + 8) * sizeof(int32_t))) << y;
             ASSERT_EQ(fast->weightCursor, walk->weightCursor) << y;
