@@ -205,6 +205,44 @@ TEST(ScreeningQuality, BlueNoiseMaskSpectraAndWorms) {
   EXPECT_LE(worst_worm, 0.255);
 }
 
+// On a 720 x 1440 dpi device the mask spaces dots evenly on paper, not in
+// pixels: a sparse tone's nearest neighbours lie across as often as down
+// once distances are physical. A mask built in pixels would put nearly all
+// of them down (half the physical distance).
+TEST(ScreeningQuality, BlueNoiseMaskIsEvenOnPaperAtTwoToOne) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_BLUE_NOISE);
+  s.resolutionX = 720;
+  s.resolutionY = 1440;
+  Object o(CreateScreeningObject(&s, 512, 8));
+  ASSERT_NE(o, nullptr);
+  const long side = long(o->cellWidth);
+  const ht::Image tile = ht::flat_patch(o.get(), 8, uint32_t(side), 0);
+  size_t dots = 0, across = 0;
+  for (long y = 0; y < side; ++y)
+    for (long x = 0; x < side; ++x) {
+      if (tile.at(size_t(x), size_t(y)) < 0.5) continue;
+      double best = 1e30;
+      bool best_across = false;
+      for (long j = -16; j <= 16; ++j)
+        for (long i = -16; i <= 16; ++i) {
+          if ((i == 0 && j == 0) ||
+              tile.at(size_t((x + i + side) % side), size_t((y + j + side) % side)) < 0.5)
+            continue;
+          const double px = i / 720.0, py = j / 1440.0, d = px * px + py * py;
+          if (d < best) {
+            best = d;
+            best_across = std::fabs(px) > std::fabs(py);
+          }
+        }
+      ++dots;
+      across += best_across ? 1 : 0;
+    }
+  const double share = double(across) / double(dots);
+  if (verbose()) std::printf("2:1 mask: nearest neighbour across for %.2f of the dots\n", share);
+  EXPECT_NEAR(share, 0.5, 0.12);
+}
+
 TEST(ScreeningQuality, ErrorDiffusionQualityLock) {
   LibraryScope library;
   ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC);
