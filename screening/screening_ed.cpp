@@ -166,7 +166,10 @@ void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) 
   const int32_t *w = o->weightCursor;
   const int32_t *const w_end = o->weightTableEnd;
   const size_t bpp = o->bytesPerPlane;
-  int32_t carry = 0, behind = 0, under = 0;
+  // The carry is kept 64 bits wide (its product is formed so), which spares
+  // the chain a sign extension before the 64-bit sum.
+  int64_t carry = 0;
+  int32_t behind = 0, under = 0;
   uint64_t bits = 0;
   ptrdiff_t x = Dir < 0 ? static_cast<ptrdiff_t>(width) - 1 : 0;
   const ptrdiff_t x_end = Dir < 0 ? -1 : static_cast<ptrdiff_t>(width);
@@ -182,31 +185,33 @@ void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) 
       u.t2 = sample != 0 ? t2 - sample : kNever;
       u.t3 = sample != 0 ? t3 - sample : kNever;
     }
-    const int32_t q = static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
+    const int32_t q = static_cast<int32_t>((carry + cur[x]) / 8192);
     // m_k is all ones where the value passes threshold k: masks, not
     // selects, so that the compiler cannot turn the choice into a branch
     // (it is as random as the screen and would miss half the time).
     const int32_t m1 = (u.t1 - q) >> 31;
-    int32_t rest;  // the error less the carried part
+    int32_t taken;  // the density of the level chosen
     uint64_t placed;
     if constexpr (Top == 1) {
-      rest = sample - (m1 & d1);
+      taken = m1 & d1;
       placed = spread[1] & static_cast<uint64_t>(static_cast<int64_t>(m1));
     } else {
       // Thresholds rise, so the passed ones are a prefix: the masked steps
       // add up to the level's density, and the number passed is the level.
       const int32_t m2 = (u.t2 - q) >> 31;
       const int32_t m3 = (u.t3 - q) >> 31;
-      rest = sample - ((m1 & s1) + ((m2 & s2) + (m3 & s3)));
+      taken = (m1 & s1) + ((m2 & s2) + (m3 & s3));
       placed = spread[-(m1 + m2 + m3)];
     }
-    const int32_t e = (q & keep) + rest;
+    // (The value less the level's density, grouped so that the value is
+    // formed while the level is chosen.)
+    const int32_t e = ((q & keep) + sample) - taken;
     if (e != 0) [[likely]] {
       const int32_t w0 = w[0], w1 = w[1], w2 = w[2], w3 = w[3];
       next[x - Dir] = behind + w0 * e;
       behind = under + w3 * e;
       under = w1 * e;
-      carry = w2 * e;
+      carry = static_cast<int64_t>(w2) * e;
       w += 4;
       // (The table's start is fetched again only when the cursor wraps:
       // one register less in the loop.)
