@@ -5,6 +5,7 @@
 #include <zt/random.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,11 +60,11 @@ inline void write_code(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes, 
   }
 }
 
-// Top: the top level when it is fixed at compile time (1 or 3, unmodulated),
-// 0 for any level count and an optional modulation matrix.
-template <typename T, int Planes, int Top>
+// The walk as stated, pixel by pixel: any level count, an optional
+// modulation matrix, byte output. The short-chain loop below takes the
+// common cases and gives the same bits.
+template <typename T, int Planes>
 void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
-  constexpr bool Modulated = Top == 0;
   int32_t *cur = o->errorRowA + 4;
   int32_t *next = o->errorRowB + 4;
   const uint16_t *thr = o->thresholds;
@@ -71,7 +72,7 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   const uint16_t *codes = o->dotCodes;
   const uint32_t top = o->levels - 1;
   const int16_t *mod =
-      Modulated && o->modulation != nullptr ? o->modulation + (y % o->cellHeight) * o->cellWidth : nullptr;
+      o->modulation != nullptr ? o->modulation + (y % o->cellHeight) * o->cellWidth : nullptr;
   const uint32_t cw = o->cellWidth;
   const int32_t *w = o->weightCursor;
   const int32_t *const w_start = o->weightTable;
@@ -85,38 +86,16 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   next[x] = 0;
   next[x - dir] = 0;
   int32_t carry = 0;
-  // Small level counts keep thresholds, densities and codes in registers and
-  // pick the level by counting the thresholds passed (they rise strictly, so
-  // that is the walk down from the top): the carry's chain from one pixel to
-  // the next then holds no table load.
-  int32_t t[4] = {0, 0, 0, 0}, d[4] = {0, 0, 0, 0};
-  uint32_t c[4] = {0, 0, 0, 0};
-  if (Top > 0)
-    for (int k = 0; k <= Top; ++k) {
-      t[k] = thr[k];
-      d[k] = den[k];
-      c[k] = k == 0 ? 0u : codes[k];
-    }
   for (uint32_t i = 0; i < width; ++i, x += dir) {
     const int32_t sample = in[x];
     int32_t e = 0;
     if (sample != 0) {
       const int32_t value = sample + static_cast<int32_t>((static_cast<int64_t>(carry) + cur[x]) / 8192);
       if (value != 0) {
-        if constexpr (Top == 1) {
-          const bool dot = value > t[1];
-          e = value - (dot ? d[1] : d[0]);
-          write_code<Planes>(out, bpp, planes, x, dot ? c[1] : 0u);
-        } else if constexpr (Top == 3) {
-          const int level = (value > t[1] ? 1 : 0) + (value > t[2] ? 1 : 0) + (value > t[3] ? 1 : 0);
-          e = value - d[level];
-          write_code<Planes>(out, bpp, planes, x, c[level]);
-        } else {
-          const int32_t m = Modulated && mod != nullptr ? mod[static_cast<size_t>(x) % cw] : 0;
-          const uint32_t level = pick_level(value, m, thr, top);
-          e = value - den[level];
-          write_code<Planes>(out, bpp, planes, x, level != 0 ? codes[level] : 0u);
-        }
+        const int32_t m = mod != nullptr ? mod[static_cast<size_t>(x) % cw] : 0;
+        const uint32_t level = pick_level(value, m, thr, top);
+        e = value - den[level];
+        write_code<Planes>(out, bpp, planes, x, level != 0 ? codes[level] : 0u);
       }
     }
     // The entry ahead is cleared before each pixel and set when the pixel
@@ -139,42 +118,186 @@ void diffuse_line(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width,
   o->serpentine = o->serpentine != 0 ? 0u : 1u;
 }
 
+// Two or four levels, unmodulated, the lightest level empty (density 0),
+// bit-planes out: the same walk with the carry's chain from one pixel to the
+// next cut to the sum, the truncating division, the level choice and the
+// carry's product. The thresholds and the candidate errors are taken
+// relative to the pixel's own tone before its carried error is known, so
+// the choice is a few sign masks on that error alone; a zero pixel
+// gets a threshold it cannot pass and keeps none of the error, and a value
+// of 0 cannot pass a threshold and leaves an error of 0 - 0 (density 0), so
+// both give no dot and no error without a branch. The three next-row entries
+// a pixel touches (behind, under, ahead) are summed in registers and each
+// stored once, in the order the walk adds to it; a pixel that spreads no
+// error (rare: a branch the processor predicts) adds nothing and keeps the
+// carry and the cursor. The planes' bits gather in one register, a byte a
+// plane, until the walk leaves their byte. The loop is short enough that
+// its instruction count matters as much as the chain, hence the per-tone
+// threshold table and the pre-spread codes.
+template <typename T, int Planes, int Top, int Dir>
+void diffuse_run(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) {
+  const int32_t *cur = o->errorRowA + 4;
+  int32_t *next = o->errorRowB + 4;
+  const uint16_t *thr = o->thresholds;
+  const uint16_t *den = o->densities;
+  const uint16_t *codes = o->dotCodes;
+  const int32_t t1 = thr[1], t2 = Top == 3 ? thr[2] : 0, t3 = Top == 3 ? thr[3] : 0;
+  const int32_t d1 = den[1];
+  const int32_t s1 = den[1], s2 = Top == 3 ? den[2] - den[1] : 0, s3 = Top == 3 ? den[3] - den[2] : 0;
+  // Each level's code spread one plane a byte (plane k in bit 0 of byte k),
+  // so a pixel's bits for every plane are placed with one shift. Level 0
+  // prints nothing, whatever code the profile gives the paper.
+  uint64_t spread[4] = {0, 0, 0, 0};
+  for (int l = 1; l <= Top; ++l)
+    for (int k = 0; k < Planes; ++k) spread[l] |= static_cast<uint64_t>((codes[l] >> k) & 1u) << (8 * k);
+  // Eight-bit input: each tone's thresholds less the tone, looked up
+  // rather than formed; a zero pixel's can never be passed. (Far above any
+  // carried error, which stays within a few times the full scale, and far
+  // enough from the int32 limits that the differences below cannot
+  // overflow.)
+  constexpr int32_t kNever = 1 << 30;
+  struct Relative {
+    int32_t t1, t2, t3, pad;
+  };
+  Relative table[sizeof(T) == 1 ? 256 : 1];
+  if constexpr (sizeof(T) == 1)
+    for (int32_t v = 0; v < 256; ++v)
+      table[v] = v == 0 ? Relative{kNever, kNever, kNever, 0} : Relative{t1 - v, t2 - v, t3 - v, 0};
+  const int32_t *w = o->weightCursor;
+  const int32_t *const w_end = o->weightTableEnd;
+  const size_t bpp = o->bytesPerPlane;
+  // The carry is kept 64 bits wide (its product is formed so), which spares
+  // the chain a sign extension before the 64-bit sum.
+  int64_t carry = 0;
+  int32_t behind = 0, under = 0;
+  uint64_t bits = 0;
+  ptrdiff_t x = Dir < 0 ? static_cast<ptrdiff_t>(width) - 1 : 0;
+  const ptrdiff_t x_end = Dir < 0 ? -1 : static_cast<ptrdiff_t>(width);
+  const ptrdiff_t last_in_byte = Dir < 0 ? 0 : 7;
+  for (; x != x_end; x += Dir) {
+    const int32_t sample = in[x];
+    const int32_t keep = -static_cast<int32_t>(sample != 0);
+    Relative u;
+    if constexpr (sizeof(T) == 1) {
+      u = table[sample];
+    } else {
+      u.t1 = sample != 0 ? t1 - sample : kNever;
+      u.t2 = sample != 0 ? t2 - sample : kNever;
+      u.t3 = sample != 0 ? t3 - sample : kNever;
+    }
+    const int32_t q = static_cast<int32_t>((carry + cur[x]) / 8192);
+    // m_k is all ones where the value passes threshold k: masks, not
+    // selects, so that the compiler cannot turn the choice into a branch
+    // (it is as random as the screen and would miss half the time).
+    const int32_t m1 = (u.t1 - q) >> 31;
+    int32_t taken;  // the density of the level chosen
+    uint64_t placed;
+    if constexpr (Top == 1) {
+      taken = m1 & d1;
+      placed = spread[1] & static_cast<uint64_t>(static_cast<int64_t>(m1));
+    } else {
+      // Thresholds rise, so the passed ones are a prefix: the masked steps
+      // add up to the level's density, and the number passed is the level.
+      const int32_t m2 = (u.t2 - q) >> 31;
+      const int32_t m3 = (u.t3 - q) >> 31;
+      taken = (m1 & s1) + ((m2 & s2) + (m3 & s3));
+      placed = spread[-(m1 + m2 + m3)];
+    }
+    // (The value less the level's density, grouped so that the value is
+    // formed while the level is chosen.)
+    const int32_t e = ((q & keep) + sample) - taken;
+    if (e != 0) [[likely]] {
+      const int32_t w0 = w[0], w1 = w[1], w2 = w[2], w3 = w[3];
+      next[x - Dir] = behind + w0 * e;
+      behind = under + w3 * e;
+      under = w1 * e;
+      carry = static_cast<int64_t>(w2) * e;
+      w += 4;
+      // (The table's start is fetched again only when the cursor wraps:
+      // one register less in the loop.)
+      if (w == w_end) [[unlikely]]
+        w = o->weightTable;
+    } else {
+      next[x - Dir] = behind;
+      behind = under;
+      under = 0;
+    }
+    bits |= placed << (7u - static_cast<uint32_t>(x & 7));
+    if ((x & 7) == last_in_byte) {
+      for (int k = 0; k < Planes; ++k)
+        out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits >> (8 * k));
+      bits = 0;
+    }
+  }
+  x -= Dir;  // the last pixel
+  next[x] = behind;
+  next[x + Dir] = under;
+  if ((x & 7) != last_in_byte)
+    for (int k = 0; k < Planes; ++k)
+      out[k * bpp + static_cast<size_t>(x >> 3)] = static_cast<uint8_t>(bits >> (8 * k));
+  o->weightCursor = const_cast<int32_t *>(w);
+}
+
+template <typename T, int Planes, int Top>
+void diffuse_fast(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width) {
+  if (width == 0) return;
+  if (o->serpentine != 0)
+    diffuse_run<T, Planes, Top, -1>(o, in, out, width);
+  else
+    diffuse_run<T, Planes, Top, 1>(o, in, out, width);
+  int32_t *swap = o->errorRowA;
+  o->errorRowA = o->errorRowB;
+  o->errorRowB = swap;
+  o->serpentine = o->serpentine != 0 ? 0u : 1u;
+}
+
+template <typename T, int Planes, int Top>
+void diffuse_some(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
+  if constexpr (Top > 0)
+    diffuse_fast<T, Planes, Top>(o, in, out, width);
+  else
+    diffuse_line<T, Planes>(o, in, out, width, y);
+}
+
 template <typename T, int Top>
 void diffuse_planes(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
   if (o->byteOutput != 0) {
-    diffuse_line<T, -1, 0>(o, in, out, width, y);
+    diffuse_line<T, -1>(o, in, out, width, y);
     return;
   }
   switch (o->outputPlanes) {
     case 1:
-      diffuse_line<T, 1, Top>(o, in, out, width, y);
+      diffuse_some<T, 1, Top>(o, in, out, width, y);
       break;
     case 2:
-      diffuse_line<T, 2, Top>(o, in, out, width, y);
+      diffuse_some<T, 2, Top>(o, in, out, width, y);
       break;
     case 3:
-      diffuse_line<T, 3, Top>(o, in, out, width, y);
+      diffuse_some<T, 3, Top>(o, in, out, width, y);
       break;
     case 4:
-      diffuse_line<T, 4, Top>(o, in, out, width, y);
+      diffuse_some<T, 4, Top>(o, in, out, width, y);
       break;
     case 5:
-      diffuse_line<T, 5, Top>(o, in, out, width, y);
+      diffuse_some<T, 5, Top>(o, in, out, width, y);
       break;
     case 6:
-      diffuse_line<T, 6, Top>(o, in, out, width, y);
+      diffuse_some<T, 6, Top>(o, in, out, width, y);
       break;
     default:
-      diffuse_line<T, 0, Top>(o, in, out, width, y);
+      diffuse_line<T, 0>(o, in, out, width, y);
       break;
   }
 }
 
 template <typename T>
 void diffuse_dispatch(ScreeningObject *o, const T *in, uint8_t *out, uint32_t width, uint32_t y) {
-  if (o->modulation == nullptr && o->levels == 2)
+  // The short-chain loops need an empty lightest level (densities[0] = 0,
+  // as every evenly spaced or profile level set has).
+  const bool plain = o->modulation == nullptr && o->densities[0] == 0;
+  if (plain && o->levels == 2)
     diffuse_planes<T, 1>(o, in, out, width, y);
-  else if (o->modulation == nullptr && o->levels == 4)
+  else if (plain && o->levels == 4)
     diffuse_planes<T, 3>(o, in, out, width, y);
   else
     diffuse_planes<T, 0>(o, in, out, width, y);

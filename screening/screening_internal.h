@@ -16,7 +16,7 @@ inline constexpr const char *kModule = "screening";
 inline constexpr uint32_t kWeightGroups = 6151;
 inline constexpr uint32_t kWeightEntries = kWeightGroups * 4;
 // Side of the blue-noise mask of modes 2 and 9.
-inline constexpr uint32_t kMaskSide = 128;
+inline constexpr uint32_t kMaskSide = 256;
 
 // Error diffusion (modes 3 and 10): rows, the weight table (shared through
 // the cache) and the kernel. 0, or -1 after logging.
@@ -38,6 +38,9 @@ void cache_release(int32_t *table);
 // level tables) and pattern screening through `ditherScreens`.
 int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
 int32_t screen_pattern(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
+// Share of a drop's pixels the blue-noise mask trades for its neighbours
+// at the drop's own density (overlapped level ranges).
+inline constexpr double kLevelTrade = 0.5;
 // Builds levelBase / levelFraction from the densities when levels > 2.
 int32_t build_level_tables(ScreeningObject *object);
 // Copies each matrix row with its first 16 entries repeated after it

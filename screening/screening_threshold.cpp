@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "foundation/internal.h"
 #include "raster/buf_internal.h"
@@ -96,14 +97,13 @@ void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, 
                      const uint8_t *ext) {
   const uint32_t cw = o->cellWidth;
   const uint8_t *base = o->levelBase;
-  const uint8_t *frac = o->levelFraction;
+  const uint8_t *frac = o->levelFraction, *frac2 = o->levelFraction + 256;
   const uint16_t *codes = o->dotCodes;
-  // Code of each (value, above-the-entry) pair, looked up once a pixel.
-  uint32_t code_of[2][256];
-  for (uint32_t v = 0; v < 256; ++v) {
-    code_of[0][v] = codes[base[v]];
-    code_of[1][v] = base[v] < o->levels - 1 ? codes[base[v] + 1] : codes[base[v]];
-  }
+  const uint32_t top = o->levels - 1;
+  // Code of each (value, shares above the entry) pair, looked up once a pixel.
+  uint32_t code_of[3][256];
+  for (uint32_t v = 0; v < 256; ++v)
+    for (uint32_t up = 0; up < 3; ++up) code_of[up][v] = codes[base[v] + up <= top ? base[v] + up : top];
   uint32_t mx = x0 % cw;
   uint32_t i = 0;
   if ((x0 & 7) == 0) {
@@ -111,7 +111,7 @@ void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, 
     for (; i + 8 <= n; i += 8) {
       for (uint32_t b = 0; b < 8; ++b) {
         const uint8_t v = in[i + b];
-        c8[b] = code_of[frac[v] > ext[mx] ? 1 : 0][v];
+        c8[b] = code_of[(frac[v] > ext[mx] ? 1 : 0) + (frac2[v] > ext[mx] ? 1 : 0)][v];
         if (++mx == cw) mx = 0;
       }
       store_codes(out, o->bytesPerPlane, o->outputPlanes, (x0 + i) >> 3, c8);
@@ -119,7 +119,7 @@ void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, 
   }
   for (; i < n; ++i) {
     const uint8_t v = in[i];
-    const uint32_t level = base[v] + (frac[v] > ext[mx] ? 1u : 0u);
+    const uint32_t level = base[v] + (frac[v] > ext[mx] ? 1u : 0u) + (frac2[v] > ext[mx] ? 1u : 0u);
     if (level != 0) write_code(out, o->bytesPerPlane, o->outputPlanes, x0 + i, codes[level]);
     if (++mx == cw) mx = 0;
   }
@@ -214,9 +214,10 @@ int32_t build_matrix_rows(ScreeningObject *object) {
 
 int32_t build_level_tables(ScreeningObject *object) {
   if (object->levels <= 2) return 0;
-  // (The per-level rows come after the tables, below.)
+  // levelFraction holds two tables: the share of pixels one level above the
+  // base, then two levels above (non-zero only where ranges overlap).
   object->levelBase = static_cast<uint8_t *>(std::malloc(256));
-  object->levelFraction = static_cast<uint8_t *>(std::malloc(256));
+  object->levelFraction = static_cast<uint8_t *>(std::malloc(512));
   if (object->levelBase == nullptr || object->levelFraction == nullptr) {
     ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
     return -1;
@@ -225,18 +226,65 @@ int32_t build_level_tables(ScreeningObject *object) {
   double d[256];
   for (uint32_t k = 0; k <= top; ++k)
     d[k] = object->inputBits == 16 ? object->densities[k] * 255.0 / 65535.0 : object->densities[k];
-  uint32_t k = 0;
+  // cover(k, v): the share of pixels at level k or above at tone v. Between
+  // two drop densities it rises linearly from one to the other, so the mean
+  // density follows the tone. The blue-noise mask overlaps the ranges: around
+  // each inner drop density up to half of that drop's pixels trade for its
+  // lighter and darker neighbours, in proportions that keep the mean. With
+  // plain adjacent ranges every pixel sits at one level right at a drop's
+  // density and the texture then jumps as the next drop comes in.
+  const bool overlap = object->mode == ZT_SCREEN_BLUE_NOISE;
+  constexpr double kTrade = kLevelTrade;
+  auto cover = [&](uint32_t k, double v) {
+    double f = v <= d[k - 1] ? 0.0 : v >= d[k] ? 1.0 : (v - d[k - 1]) / (d[k] - d[k - 1]);
+    if (!overlap) return f;
+    // The exchange around density j: `up` of the pixels go to j + 1, and
+    // `up` * (d[j+1] - d[j]) / (d[j] - d[j-1]) to j - 1. It swells and
+    // fades smoothly (a new drop enters a few pixels at a time) over half
+    // the nearer spacing each side, so neighbouring exchanges never meet,
+    // and it is capped where a share would fall as the tone rises
+    // (the smooth step's steepest slope is 1.5).
+    auto bump = [&](uint32_t j, double &up, double &down) {
+      up = down = 0;
+      if (j == 0 || j >= top) return;
+      const double lo = d[j] - d[j - 1], hi = d[j + 1] - d[j];
+      const double width = 0.5 * std::fmin(lo, hi);
+      const double t = 1 - std::fabs(v - d[j]) / width;
+      if (t <= 0) return;
+      const double peak = std::fmin(kTrade * lo / (lo + hi), width / (1.5 * hi));
+      up = peak * t * t * (3 - 2 * t);
+      down = up * hi / lo;
+    };
+    double up = 0, down = 0;
+    bump(k - 1, up, down);
+    f += up;
+    bump(k, up, down);
+    f -= down;
+    return f < 0 ? 0.0 : f > 1 ? 1.0 : f;
+  };
+  uint8_t *base = object->levelBase, *first = object->levelFraction, *second = object->levelFraction + 256;
+  std::vector<uint8_t> last(top + 1, 0);
   for (uint32_t v = 0; v < 256; ++v) {
-    while (k < top && d[k + 1] <= v) ++k;
-    if (k == top || v < d[0]) {
-      object->levelBase[v] = static_cast<uint8_t>(v < d[0] ? 0 : top);
-      object->levelFraction[v] = 0;
-      continue;
+    uint32_t full = 0;
+    uint8_t share[2] = {0, 0};
+    uint8_t above = 255;
+    for (uint32_t k = 1; k <= top; ++k) {
+      const double f = cover(k, v);
+      // Rounded to the mask's 255ths, never falling with the tone and never
+      // above the level below it, so each pixel's level only rises.
+      uint8_t q = f >= 1.0 ? 255 : static_cast<uint8_t>(std::floor(f * 255.0 + 0.5));
+      if (q < last[k]) q = last[k];
+      if (q > above) q = above;
+      last[k] = above = q;
+      if (f >= 1.0 && full + 1 == k) {
+        full = k;
+      } else if (k - full <= 2) {
+        share[k - full - 1] = q;
+      }
     }
-    // The share of the darker drop that keeps the mean density at v.
-    const double f = (v - d[k]) / (d[k + 1] - d[k]);
-    object->levelBase[v] = static_cast<uint8_t>(k);
-    object->levelFraction[v] = static_cast<uint8_t>(std::floor(f * 255.0 + 0.5));
+    base[v] = static_cast<uint8_t>(full);
+    first[v] = share[0];
+    second[v] = share[1];
   }
   if (top > 16 || object->matrixRows == nullptr) return 0;
   // Row k - 1 holds, for each entry m, the largest value whose level stays
@@ -247,15 +295,18 @@ int32_t build_level_tables(ScreeningObject *object) {
     ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
     return -1;
   }
-  for (size_t i = 0; i < size; ++i) {
-    const uint8_t m = object->matrixRows[i];
+  uint8_t below[16][256];
+  for (uint32_t m = 0; m < 256; ++m) {
     uint32_t v = 0;
     for (uint32_t level = 1; level <= top; ++level) {
-      // Largest v with base + (fraction > m) < level; 255 when none reaches it.
-      while (v < 255 && object->levelBase[v + 1] + (object->levelFraction[v + 1] > m ? 1u : 0u) < level) ++v;
-      object->levelRows[(level - 1) * size + i] = static_cast<uint8_t>(v);
+      while (v < 255 && base[v + 1] + (first[v + 1] > m ? 1u : 0u) + (second[v + 1] > m ? 1u : 0u) < level)
+        ++v;
+      below[level - 1][m] = static_cast<uint8_t>(v);
     }
   }
+  for (size_t i = 0; i < size; ++i)
+    for (uint32_t level = 1; level <= top; ++level)
+      object->levelRows[(level - 1) * size + i] = below[level - 1][object->matrixRows[i]];
   return 0;
 }
 

@@ -26,7 +26,9 @@
  * Multi-level output (levels > 2) is supported by error diffusion (3, 10) and
  * by every threshold mode (1, 2, 5, 8, 11): those dither between the two
  * levels whose densities enclose the value, the matrix deciding which, so the
- * mean density follows the input. Pattern mode is two-level.
+ * mean density follows the input; the blue-noise mask overlaps neighbouring
+ * ranges around each inner drop density, so the texture does not jump as a
+ * drop comes in. Pattern mode is two-level.
  *
  * Error diffusion, readings of the text we settled:
  *  - Every line starts with the next-row entry under its first pixel and the
@@ -167,7 +169,7 @@ struct ScreeningObject {
   double effectiveLpi;    /* halftone modes: what the cell achieves */
   double effectiveAngle;  /* degrees */
   uint8_t *levelBase;     /* multi-level thresholds: base level of each 8-bit value */
-  uint8_t *levelFraction; /* ... and its position between that level and the next */
+  uint8_t *levelFraction; /* ... the share one level above it (256), then two above (256) */
   uint8_t *matrixRows;    /* matrix rows of cellWidth + 16, wrapped: for the loops */
   uint8_t *levelRows;     /* multi-level: for each level k >= 1, rows like matrixRows
                              holding the largest value that stays below level k */

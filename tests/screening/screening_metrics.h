@@ -160,6 +160,58 @@ inline double worm_index(const Image &img, double g) {
   return dots > 0 ? double(worms) / double(dots) : 0;
 }
 
+// Visual noise of a density map: its standard deviation after a Gaussian
+// eye filter of sigma 1.5 px (600-720 dpi at reading distance), taken over
+// the map less a 3-pixel border, the filter cut there.
+inline double visual_noise(const Image &img) {
+  constexpr int kR = 3;
+  double w[2 * kR + 1], sum = 0;
+  for (int i = -kR; i <= kR; ++i) sum += w[i + kR] = std::exp(-i * i / (2 * 1.5 * 1.5));
+  for (double &x : w) x /= sum;
+  const long W = long(img.w), H = long(img.h);
+  std::vector<double> across(img.v.size(), 0.0);
+  for (long y = 0; y < H; ++y)
+    for (long x = kR; x < W - kR; ++x)
+      for (int i = -kR; i <= kR; ++i) across[size_t(y * W + x)] += w[i + kR] * img.v[size_t(y * W + x + i)];
+  double s1 = 0, s2 = 0, n = 0;
+  for (long y = kR; y < H - kR; ++y)
+    for (long x = kR; x < W - kR; ++x) {
+      double b = 0;
+      for (int j = -kR; j <= kR; ++j) b += w[j + kR] * across[size_t((y + j) * W + x)];
+      s1 += b;
+      s2 += b * b;
+      n += 1;
+    }
+  const double m = s1 / n;
+  return std::sqrt(std::fmax(0.0, s2 / n - m * m));
+}
+
+// The strongest line of the periodogram of a square image (side a power of
+// two) between 1.5 bins and `max_bin`, as a fraction of the image's variance.
+// A real image puts a line in a bin and its mirror; both are counted.
+inline double strongest_line(const Image &img, double max_bin) {
+  const size_t n = img.w;
+  std::vector<Complex> a(n * n);
+  const double m = img.mean();
+  double var = 0;
+  for (size_t i = 0; i < n * n; ++i) {
+    a[i] = img.v[i] - m;
+    var += (img.v[i] - m) * (img.v[i] - m);
+  }
+  fft2(a, n);
+  // Parseval: the sum of |A|^2 over all bins is n^2 times the sum of squares.
+  double best = 0;
+  for (size_t y = 0; y < n; ++y)
+    for (size_t x = 0; x < n; ++x) {
+      const double u = x < n / 2 ? double(x) : double(x) - double(n);
+      const double v = y < n / 2 ? double(y) : double(y) - double(n);
+      const double r = std::sqrt(u * u + v * v);
+      if (r <= 1.5 || r >= max_bin) continue;
+      best = std::fmax(best, 2 * std::norm(a[y * n + x]) / (double(n * n) * var));
+    }
+  return best;
+}
+
 // Screens a flat patch of tone `v` (8 or 16 bits) and returns it as an image
 // of level densities (0 ... 1), cropped by `margin` on every side.
 inline Image flat_patch(ScreeningObject *o, uint32_t v, uint32_t side, uint32_t margin) {

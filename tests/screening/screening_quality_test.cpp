@@ -6,6 +6,7 @@
 // (spread over 5 seeds where the screen is random), below the public anchor
 // where the design is ours.
 #include <gtest/gtest.h>
+#include <zt/dotpercent.h>
 #include <zt/random.h>
 #include <zt/screening.h>
 
@@ -147,34 +148,99 @@ TEST(ScreeningQuality, MultiLevelToneNeverFalls) {
   }
 }
 
+// The mask's spectra on mask-sized tiles (its flat output is periodic) and
+// the worm index of the mask and of the pattern tiles cut from it. The
+// mask is fixed, so the margins only absorb arithmetic; where a limit sits
+// at a goal rather than above the measure, the comment says so.
 TEST(ScreeningQuality, BlueNoiseMaskSpectraAndWorms) {
   LibraryScope library;
-  ScreeningSettings s = settings_for(ZT_SCREEN_BLUE_NOISE);
-  Object o(CreateScreeningObject(&s, 512, 8));
-  double worst_lfe = -100, worst_cut = 10, worst_cut_extreme = 10, worst_aniso = -100, worst_worm = 0;
-  for (uint32_t v : kSpectrumTones) {
-    const double g = v / 255.0;
-    const ht::Image tile = ht::flat_patch(o.get(), v, 128, 0);
-    const ht::Spectrum sp = ht::spectrum(tile, 128, tile.mean(), 1);
-    const ht::Image big = ht::flat_patch(o.get(), v, 512, 0);
-    const double worm = (g <= 1 / 16.0 || g >= 15 / 16.0) ? ht::worm_index(big, big.mean()) : 0;
-    if (verbose())
-      std::printf("mask v %3u LFE %6.2f cut %.2f aniso %5.2f worm %.3f\n", v, sp.lfe_db, sp.cutoff_ratio,
-                  sp.anisotropy_db, worm);
-    worst_lfe = std::fmax(worst_lfe, sp.lfe_db);
-    worst_cut = std::fmin(worst_cut, sp.cutoff_ratio);
-    if (g <= 1 / 16.0) worst_cut_extreme = std::fmin(worst_cut_extreme, sp.cutoff_ratio);
-    worst_aniso = std::fmax(worst_aniso, sp.anisotropy_db);
-    worst_worm = std::fmax(worst_worm, worm);
+  // Tones near 1/128, 1/64 and 1/32 (and mirrored) must beat the best
+  // public void-and-cluster mask (-7.2, -8.5 and -9.7 dB) by a decibel.
+  struct Extreme {
+    uint32_t v;
+    double lfe;
+  };
+  const Extreme extremes[] = {{2, -8.2}, {253, -8.2}, {4, -9.5}, {251, -9.5}, {8, -10.7}, {247, -10.7}};
+  std::vector<uint32_t> tones(std::begin(kSpectrumTones), std::end(kSpectrumTones));
+  tones.push_back(253);
+  double worst_worm = 0;
+  for (uint32_t mode : {2u, 9u}) {
+    ScreeningSettings s = settings_for(mode);
+    Object o(CreateScreeningObject(&s, 512, 8));
+    ASSERT_NE(o, nullptr);
+    const uint32_t side = o->cellWidth;
+    double worst_lfe = -100, worst_cut = 10, worst_cut_extreme = 10, worst_aniso = -100;
+    for (uint32_t v : tones) {
+      const ht::Image big = ht::flat_patch(o.get(), v, 512, 0);
+      const double worm = (v <= 16 || v >= 239) ? ht::worm_index(big, big.mean()) : 0;
+      worst_worm = std::fmax(worst_worm, worm);
+      if (mode == 9) continue;  // same spectra as the mask by construction
+      const ht::Image tile = ht::flat_patch(o.get(), v, side, 0);
+      const ht::Spectrum sp = ht::spectrum(tile, side, tile.mean(), 1);
+      if (verbose())
+        std::printf("mask v %3u LFE %6.2f cut %.3f aniso %5.2f worm %.3f\n", v, sp.lfe_db, sp.cutoff_ratio,
+                    sp.anisotropy_db, worm);
+      worst_lfe = std::fmax(worst_lfe, sp.lfe_db);
+      worst_cut = std::fmin(worst_cut, sp.cutoff_ratio);
+      if (v <= 16) worst_cut_extreme = std::fmin(worst_cut_extreme, sp.cutoff_ratio);
+      worst_aniso = std::fmax(worst_aniso, sp.anisotropy_db);
+      for (const Extreme &e : extremes) {
+        if (e.v == v) {
+          EXPECT_LE(sp.lfe_db, e.lfe) << "v " << v;
+        }
+      }
+    }
+    if (mode == 9) continue;
+    // Measured: LFE -9.4 dB at worst (g = 1/2; goal -7), cut-off 0.55 at
+    // worst (g = 1/2; goal 0.5), anisotropy 0.18 dB (goal 1).
+    EXPECT_LE(worst_lfe, -9.0);
+    EXPECT_GE(worst_cut, 0.53);
+    EXPECT_LE(worst_aniso, 0.5);
+    // Highlights: 0.75 to 0.82 measured. The goal is 0.75, but at g = 1/128
+    // the 0.75 point falls on annulus 16.97 of the 256-sample periodogram,
+    // so the annulus that meets it reads 0.7498: the limit allows that bin.
+    EXPECT_GE(worst_cut_extreme, 0.745);
   }
-  // Measured: LFE -5.1 dB worst (g = 1/128), cut-off 0.44 (g = 1/2),
-  // anisotropy 0.1 dB, worms 0.28 (g = 1/128); the mask is fixed, so the
-  // margins only absorb arithmetic.
-  EXPECT_LE(worst_lfe, -4.8);
-  EXPECT_GE(worst_cut, 0.42);
-  EXPECT_GE(worst_cut_extreme, 0.65);
-  EXPECT_LE(worst_aniso, 1.0);
-  EXPECT_LE(worst_worm, 0.29);
+  // Measured 0.243 (goal 0.26; the best public masks reach 0.21-0.24).
+  EXPECT_LE(worst_worm, 0.255);
+}
+
+// On a 720 x 1440 dpi device the mask spaces dots evenly on paper, not in
+// pixels: a sparse tone's nearest neighbours lie across as often as down
+// once distances are physical. A mask built in pixels would put nearly all
+// of them down (half the physical distance).
+TEST(ScreeningQuality, BlueNoiseMaskIsEvenOnPaperAtTwoToOne) {
+  LibraryScope library;
+  ScreeningSettings s = settings_for(ZT_SCREEN_BLUE_NOISE);
+  s.resolutionX = 720;
+  s.resolutionY = 1440;
+  Object o(CreateScreeningObject(&s, 512, 8));
+  ASSERT_NE(o, nullptr);
+  const long side = long(o->cellWidth);
+  const ht::Image tile = ht::flat_patch(o.get(), 8, uint32_t(side), 0);
+  size_t dots = 0, across = 0;
+  for (long y = 0; y < side; ++y)
+    for (long x = 0; x < side; ++x) {
+      if (tile.at(size_t(x), size_t(y)) < 0.5) continue;
+      double best = 1e30;
+      bool best_across = false;
+      for (long j = -16; j <= 16; ++j)
+        for (long i = -16; i <= 16; ++i) {
+          if ((i == 0 && j == 0) ||
+              tile.at(size_t((x + i + side) % side), size_t((y + j + side) % side)) < 0.5)
+            continue;
+          const double px = i / 720.0, py = j / 1440.0, d = px * px + py * py;
+          if (d < best) {
+            best = d;
+            best_across = std::fabs(px) > std::fabs(py);
+          }
+        }
+      ++dots;
+      across += best_across ? 1 : 0;
+    }
+  const double share = double(across) / double(dots);
+  if (verbose()) std::printf("2:1 mask: nearest neighbour across for %.2f of the dots\n", share);
+  EXPECT_NEAR(share, 0.5, 0.12);
 }
 
 TEST(ScreeningQuality, ErrorDiffusionQualityLock) {
@@ -202,6 +268,108 @@ TEST(ScreeningQuality, ErrorDiffusionQualityLock) {
   EXPECT_LE(worst_lfe, -4.5);
   EXPECT_LE(worst_aniso, 8.0);
   EXPECT_LE(worst_worm, 0.36);
+}
+
+// Densities of a four-drop profile whose drops print about 46/255 and
+// 115/255 of full ink (uneven, like measured drops), through the density
+// route: each drop's density found by bisection on the tone it gives.
+ScreeningSettings profile_settings(uint32_t mode, ScreeningDrop *drops) {
+  ScreeningSettings s = settings_for(mode, 4, 2);
+  const double targets[4] = {0, 46 / 2.55, 115 / 2.55, 100};
+  const double paper = 0.05, solid = 1.6;
+  for (uint32_t i = 0; i < 4; ++i) {
+    double lo = paper, hi = solid;
+    for (int step = 0; step < 60; ++step) {
+      const double mid = (lo + hi) / 2;
+      (dotPercentFromDensity(mid, paper, solid, 1.0) < targets[i] ? lo : hi) = mid;
+    }
+    drops[i] = ScreeningDrop{};
+    drops[i].dotCode = i;
+    drops[i].density = i == 0 ? paper : i == 3 ? solid : (lo + hi) / 2;
+  }
+  s.levelSource = ZT_LEVELS_DENSITY;
+  s.dropCount = 4;
+  s.drops = drops;
+  return s;
+}
+
+// Transition smoothness: the visual noise sigma(v) over every tone, and J,
+// its largest step between neighbouring tones over its largest value. A
+// drop that takes over abruptly (every pixel at one level right at its
+// density, noisy just above) shows as a spike. The first and last steps
+// (paper to the lightest drop's first pixels, the last pixels to solid) are
+// fixed by the end points and the drop set, not by the screen, so they are
+// held apart, at what they measure.
+TEST(ScreeningQuality, MultiLevelTransitionsAreSmooth) {
+  LibraryScope library;
+  ScreeningDrop drops[4];
+  struct Case {
+    const char *name;
+    ScreeningSettings settings;
+    double end_steps;  // measured + margin
+  };
+  const Case cases[] = {{"mask, even drops", settings_for(ZT_SCREEN_BLUE_NOISE, 4, 2), 0.65},
+                        {"mask, profile drops", profile_settings(ZT_SCREEN_BLUE_NOISE, drops), 0.68},
+                        {"pattern", settings_for(ZT_SCREEN_PATTERN), 0.56}};
+  for (const Case &c : cases) {
+    Object o(CreateScreeningObject(&c.settings, 384, 8));
+    ASSERT_NE(o, nullptr) << c.name;
+    std::vector<double> sigma(256);
+    for (uint32_t v = 0; v < 256; ++v) sigma[v] = ht::visual_noise(ht::flat_patch(o.get(), v, 384, 64));
+    double top = 0, jump = 0;
+    uint32_t at = 0;
+    for (uint32_t v = 1; v < 256; ++v) top = std::fmax(top, sigma[v]);
+    for (uint32_t v = 2; v < 255; ++v) {
+      if (std::fabs(sigma[v] - sigma[v - 1]) > jump) {
+        jump = std::fabs(sigma[v] - sigma[v - 1]);
+        at = v;
+      }
+    }
+    const double ends = std::fmax(sigma[1], sigma[254]) / top;
+    if (verbose())
+      std::printf("%s: densities %u/%u/%u/%u J %.3f at v %u, end steps %.3f %.3f (max sigma %.4f)\n", c.name,
+                  o->densities[0], o->densities[1], o->densities[o->levels > 2 ? 2 : 1],
+                  o->densities[o->levels - 1], jump / top, at, sigma[1] / top, sigma[254] / top, top);
+    // Measured 0.12 (even), 0.20 (profile), 0.17 (pattern); the goal.
+    EXPECT_LE(jump / top, 0.35) << c.name << " at v " << at;
+    EXPECT_LE(ends, c.end_steps) << c.name;
+  }
+}
+
+// The default CMYK set rendered through the module's own matrices at 50 %
+// and overprinted: a wrong cell mapping or a set whose residual is not zero
+// shows as a low-frequency line well below the screens' own frequencies.
+// Plain one-cell screens at 15, 75 and 45 degrees are the control: their
+// residual beats at about 72 pixels, and the measure must see it.
+double overlay_moire_line(bool default_set) {
+  constexpr uint32_t kSide = 1024;
+  std::vector<ht::Image> plates;
+  double f_min = 1;  // cycles a pixel of the coarsest screen
+  const double angles[3] = {15, 75, 45};
+  for (uint32_t i = 0; i < 3; ++i) {
+    ScreeningSettings s =
+        settings_for(default_set ? ZT_SCREEN_HALFTONE_SUPERCELL : ZT_SCREEN_HALFTONE_RATIONAL);
+    if (default_set) s.flags = ZT_SCREEN_FLAG_CMYK_SET;
+    s.channel = i == 2 ? 3 : i;
+    s.angle = angles[i];
+    Object o(CreateScreeningObject(&s, kSide, 8));
+    if (o == nullptr) return 1;
+    f_min = std::fmin(f_min, o->effectiveLpi / s.resolutionX);
+    plates.push_back(ht::flat_patch(o.get(), 128, kSide, 0));
+  }
+  ht::Image ink = plates[0];
+  for (size_t i = 0; i < ink.v.size(); ++i)
+    ink.v[i] = 1 - (1 - plates[0].v[i]) * (1 - plates[1].v[i]) * (1 - plates[2].v[i]);
+  return ht::strongest_line(ink, kSide * f_min / 3);
+}
+
+TEST(ScreeningQuality, DefaultCMYKOverlayShowsNoMoireLine) {
+  LibraryScope library;
+  const double ours = overlay_moire_line(true), plain = overlay_moire_line(false);
+  if (verbose()) std::printf("CMYK overlay: strongest low line %.2e (plain cells %.2e)\n", ours, plain);
+  // Measured 9.6e-5; the goal 1.5e-4.
+  EXPECT_LE(ours, 1.5e-4);
+  EXPECT_GE(plain, 3e-4);
 }
 
 TEST(ScreeningQuality, ChannelsAreDecorrelated) {

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -263,6 +264,58 @@ TEST(ScreeningErrorDiffusion, WeightTableAndCacheSharing) {
   EXPECT_EQ(moved % 4, 0);
   EXPECT_GE(moved, 4);
   EXPECT_LE(moved, 4 * 98);
+}
+
+// The short-chain loop (two or four levels, no modulation) against the
+// pixel-by-pixel walk, which an all-zero modulation matrix selects without
+// changing a bit of what the walk does: outputs, both error rows and the
+// cursor after every line, over random lines with zero runs, full ink and
+// the other end of the range, at widths on and off byte boundaries.
+TEST(ScreeningErrorDiffusion, ShortChainLoopMatchesThePixelWalk) {
+  LibraryScope library;
+  std::mt19937 random(21);
+  for (uint32_t input_bits : {8u, 16u})
+    for (uint32_t levels : {2u, 4u})
+      for (uint32_t planes : {levels == 2 ? 1u : 2u, 3u})
+        for (uint32_t width : {1u, 7u, 8u, 9u, 333u, 1000u}) {
+          ZT_randomSeed(width + levels);
+          ScreeningSettings s = settings_for(ZT_SCREEN_STOCHASTIC, levels, planes);
+          Object fast(CreateScreeningObject(&s, width, input_bits));
+          Object walk(CreateScreeningObject(&s, width, input_bits));
+          ASSERT_TRUE(fast && walk);
+          walk->weightCursor = fast->weightCursor;
+          walk->modulation = static_cast<int16_t *>(std::calloc(1, sizeof(int16_t)));
+          walk->cellWidth = walk->cellHeight = 1;
+          const uint32_t full = input_bits == 16 ? 65535u : 255u;
+          std::vector<uint16_t> line16(width);
+          std::vector<uint8_t> line8(width), a(fast->outputBytes), b(walk->outputBytes);
+          for (uint32_t y = 0; y < 40; ++y) {
+            const uint32_t kind = y % 4;  // flat, random, zero runs, extremes
+            const uint32_t flat = random() % (full + 1);
+            for (uint32_t x = 0; x < width; ++x) {
+              uint32_t v = random() % (full + 1);
+              if (kind == 0) v = flat;
+              if (kind == 2 && (x / 5) % 2 == 0) v = 0;
+              if (kind == 3) v = random() % 3 == 0 ? 0 : random() % 2 == 0 ? full : 1;
+              line16[x] = static_cast<uint16_t>(v);
+              line8[x] = static_cast<uint8_t>(v);
+            }
+            auto run = [&](ScreeningObject *o, std::vector<uint8_t> &out) {
+              std::vector<uint16_t> in16 = line16;
+              std::vector<uint8_t> in8 = line8;
+              void *in =
+                  input_bits == 16 ? static_cast<void *>(in16.data()) : static_cast<void *>(in8.data());
+              return o->screenScanline(o, in, out.data(), width, y);
+            };
+            ASSERT_EQ(run(fast.get(), a), 0);
+            ASSERT_EQ(run(walk.get(), b), 0);
+            ASSERT_EQ(a, b) << input_bits << " bits, " << levels << " levels, width " << width << ", line "
+                            << y;
+            ASSERT_EQ(0, std::memcmp(fast->errorRowA, walk->errorRowA, (width + 8) * sizeof(int32_t))) << y;
+            ASSERT_EQ(0, std::memcmp(fast->errorRowB, walk->errorRowB, (width + 8) * sizeof(int32_t))) << y;
+            ASSERT_EQ(fast->weightCursor, walk->weightCursor) << y;
+          }
+        }
 }
 
 TEST(ScreeningErrorDiffusion, ZeroPixelsEdgesAndLongPages) {
