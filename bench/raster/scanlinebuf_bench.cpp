@@ -65,7 +65,8 @@ void run_case(benchmark::State &state, const std::string &name, size_t out_bytes
     op();
     benchmark::ClobberMemory();
   }
-  const int reps = static_cast<int>(std::max<size_t>(g_smoke ? 1 : 3, (size_t{g_smoke ? 1 : 3} << 20) / out_bytes));
+  const size_t mib = g_smoke ? 1 : 3;
+  const int reps = static_cast<int>(std::max<size_t>(mib, (mib << 20) / out_bytes));
   const double ours = zt::bench::seconds_per_call(op, reps);
   const double peer = zt::bench::memcpy_seconds(out_bytes, reps);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * out_bytes));
