@@ -89,7 +89,7 @@ double seconds_per_call(F &&f, int reps, int blocks = 7) {
 }
 
 // The memcpy peer: `bytes` copied between two buffers allocated as ours are.
-inline double memcpy_seconds(size_t bytes, int reps, size_t offset = 0) {
+inline double memcpy_seconds(size_t bytes, int reps, size_t offset = 0, int blocks = 7) {
   static std::map<std::pair<size_t, size_t>, std::pair<Buffer, Buffer>> buffers;
   auto &pair = buffers[{bytes, offset}];
   if (pair.first.data() == nullptr) {
@@ -102,7 +102,7 @@ inline double memcpy_seconds(size_t bytes, int reps, size_t offset = 0) {
         std::memcpy(pair.second.data(), pair.first.data(), bytes);
         benchmark::ClobberMemory();
       },
-      reps);
+      reps, blocks);
 }
 
 inline bool &verification_failed() {
