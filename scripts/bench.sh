@@ -40,7 +40,7 @@ for program in "${programs[@]}"; do
   name=$(basename "$program")
   printf '\n======== %s ========\n' "$name"
   (cd "$(dirname "$program")" && "./$name" --benchmark_repetitions="$repetitions" \
-    --benchmark_report_aggregates_only=true) 2>&1 | tee "$logs/$name.log"
+    --benchmark_report_aggregates_only=true --benchmark_color=false) 2>&1 | tee "$logs/$name.log"
   [[ ${PIPESTATUS[0]} -eq 0 ]] || failed+=("$name")
 done
 # Whole-command benchmarks (the command-line tools beside their peers).
