@@ -281,6 +281,43 @@ inline void store16(uint16_t *out, __m256 x) {
   _mm_storeu_si128(reinterpret_cast<__m128i *>(out), packed);
 }
 
+// round16 on every lane: the same comparisons, so the same values.
+inline __m256i round_lanes(__m256 x) {
+  __m256 r = _mm256_add_ps(x, _mm256_set1_ps(0.5f));
+  r = _mm256_max_ps(r, _mm256_setzero_ps());
+  r = _mm256_min_ps(r, _mm256_set1_ps(65535.0f));
+  return _mm256_cvttps_epi32(r);
+}
+
+// Four outputs of eight pixels, pixel-major: q[p] holds pixel p's outputs in
+// its low half and pixel p + 4's in its high half. Transposed and stored as
+// out[o][i ... i + 7].
+inline void store_outputs4(uint16_t (*out)[kChunk], uint32_t i, const __m256i *q) {
+  const __m256i t0 = _mm256_unpacklo_epi32(q[0], q[1]), t1 = _mm256_unpackhi_epi32(q[0], q[1]);
+  const __m256i t2 = _mm256_unpacklo_epi32(q[2], q[3]), t3 = _mm256_unpackhi_epi32(q[2], q[3]);
+  // Each u holds one output of pixels 0-3 (low half) and 4-7 (high half).
+  const __m256i u0 = _mm256_unpacklo_epi64(t0, t2), u1 = _mm256_unpackhi_epi64(t0, t2);
+  const __m256i u2 = _mm256_unpacklo_epi64(t1, t3), u3 = _mm256_unpackhi_epi64(t1, t3);
+  const __m256i o01 = _mm256_permute4x64_epi64(_mm256_packus_epi32(u0, u1), 0xD8);
+  const __m256i o23 = _mm256_permute4x64_epi64(_mm256_packus_epi32(u2, u3), 0xD8);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out[0] + i), _mm256_castsi256_si128(o01));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out[1] + i), _mm256_extracti128_si256(o01, 1));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out[2] + i), _mm256_castsi256_si128(o23));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out[3] + i), _mm256_extracti128_si256(o23, 1));
+}
+
+// The four outputs at a grid point of pixel p (low half) and of pixel p + 4
+// (high half): contiguous in the grid, so one load each instead of a gather.
+inline __m256 corner_pair(const float *low, const float *high) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(low)), _mm_loadu_ps(high), 1);
+}
+
+// Lane p of `v` in the low half, lane p + 4 in the high half.
+inline __m256 pair_lanes(__m256 v, uint32_t p) {
+  const auto a = static_cast<int32_t>(p), b = static_cast<int32_t>(p + 4);
+  return _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(a, a, a, a, b, b, b, b));
+}
+
 template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
 inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_t (*out)[kChunk],
                    uint32_t i) {
@@ -305,7 +342,49 @@ inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_
                             _mm256_mullo_epi32(index, _mm256_set1_epi32(static_cast<int32_t>(g.strides[a]))));
   }
   base = _mm256_mullo_epi32(base, _mm256_set1_epi32(static_cast<int32_t>(m)));
-  if constexpr (kScheme == ZT_INTERP_TRILINEAR) {
+  if constexpr (kOut == 4 && kScheme != ZT_INTERP_TETRAHEDRAL) {
+    // Four outputs sit together at every grid point: two pixels a register,
+    // each corner one load of its four outputs, the lanes' arithmetic as in
+    // the baseline (same operations, same order, per output).
+    alignas(32) int32_t at[kLanes];
+    _mm256_store_si256(reinterpret_cast<__m256i *>(at), base);
+    __m256i q[4];
+    if constexpr (kScheme == ZT_INTERP_TRILINEAR) {
+      for (uint32_t p = 0; p < 4; ++p) {
+        const float *low = g.values + at[p], *high = g.values + at[p + 4];
+        __m256 fp[kIn], c[kCorners];
+#pragma GCC unroll 4
+        for (uint32_t a = 0; a < kIn; ++a) fp[a] = pair_lanes(f[a], p);
+#pragma GCC unroll 16
+        for (uint32_t k = 0; k < kCorners; ++k) c[k] = corner_pair(low + g.corners[k], high + g.corners[k]);
+        q[p] = round_lanes(blend_trilinear<kIn>(c, fp));
+      }
+    } else {
+      constexpr uint32_t kFaces = 1u << (kIn - 2);
+      const __m256 first = _mm256_cmp_ps(f[0], f[1], _CMP_GT_OQ);
+      const __m256 w0 = _mm256_sub_ps(one, _mm256_blendv_ps(f[1], f[0], first));
+      const __m256 w1 = _mm256_blendv_ps(_mm256_sub_ps(f[1], f[0]), _mm256_sub_ps(f[0], f[1]), first);
+      const __m256 w2 = _mm256_blendv_ps(f[0], f[1], first);
+      const auto first_bits = static_cast<uint32_t>(_mm256_movemask_ps(first));
+      for (uint32_t p = 0; p < 4; ++p) {
+        const float *low = g.values + at[p], *high = g.values + at[p + 4];
+        const uint32_t mid_low = (first_bits >> p) & 1u ? 2 * kFaces : kFaces;
+        const uint32_t mid_high = (first_bits >> (p + 4)) & 1u ? 2 * kFaces : kFaces;
+        __m256 origin[kFaces], mid[kFaces], diagonal[kFaces], rest[kIn - 2];
+#pragma GCC unroll 4
+        for (uint32_t j = 0; j < kFaces; ++j) {
+          origin[j] = corner_pair(low + g.corners[j], high + g.corners[j]);
+          mid[j] = corner_pair(low + g.corners[mid_low + j], high + g.corners[mid_high + j]);
+          diagonal[j] = corner_pair(low + g.corners[3 * kFaces + j], high + g.corners[3 * kFaces + j]);
+        }
+#pragma GCC unroll 2
+        for (uint32_t a = 0; a + 2 < kIn; ++a) rest[a] = pair_lanes(f[a + 2], p);
+        q[p] = round_lanes(blend_prism<kIn>(origin, mid, diagonal, pair_lanes(w0, p), pair_lanes(w1, p),
+                                            pair_lanes(w2, p), rest));
+      }
+    }
+    store_outputs4(out, i, q);
+  } else if constexpr (kScheme == ZT_INTERP_TRILINEAR) {
     __m256i corner[kCorners];
 #pragma GCC unroll 16
     for (uint32_t k = 0; k < kCorners; ++k)

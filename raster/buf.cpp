@@ -20,8 +20,8 @@ void copy1to8(uint8_t *dst, const uint8_t *src, size_t npix);
 void copy1to16(uint16_t *dst, const uint8_t *src, size_t npix);
 void copy8to16(uint16_t *dst, const uint8_t *src, size_t n);
 void copy16to8(uint8_t *dst, const uint16_t *src, size_t n, const uint8_t *table);
-const int32_t *dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int32_t *start,
-                               const int32_t *end, const int32_t *cursor, bool narrow);
+size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size, size_t index,
+                       bool narrow);
 const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const float *start,
                               const float *end, const float *cursor);
 }  // namespace avx2

@@ -19,8 +19,12 @@ struct BufKernels {
   void (*copy1to16)(uint16_t *dst, const uint8_t *src, size_t npix);
   void (*copy8to16)(uint16_t *dst, const uint8_t *src, size_t n);
   void (*copy16to8)(uint8_t *dst, const uint16_t *src, size_t n, const uint8_t *table);
-  const int32_t *(*dither_int)(uint8_t *out, const uint16_t *in, size_t n, const int32_t *start,
-                               const int32_t *end, const int32_t *cursor, bool narrow);
+  // Integer noise comes from a 16-bit copy of its table (every entry fits),
+  // addressed by index: half the bytes of the 32-bit table, so that the
+  // walk through it stays in the level-2 cache. Returns the index after the
+  // entries taken.
+  size_t (*dither_int)(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size, size_t index,
+                       bool narrow);
   const float *(*dither_real)(uint8_t *out, const uint16_t *in, size_t n, const float *start,
                               const float *end, const float *cursor);
 };

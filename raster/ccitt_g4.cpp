@@ -327,20 +327,24 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
   size_t i = 0;
   const char *fault = nullptr;
 
-  auto peek = [&](uint32_t k) -> uint32_t {
-    const uint64_t mask = (uint64_t{1} << k) - 1;
-    return static_cast<uint32_t>((bits >= k ? acc >> (bits - k) : acc << (k - bits)) & mask);
+  // The unread bits sit at the top of `acc`, the oldest highest, zeros below
+  // them: a peek is one shift (bits not yet arrived read as zeros) and the
+  // table lookup that follows it waits on nothing else.
+  auto peek = [&](uint32_t k) -> uint32_t { return static_cast<uint32_t>(acc >> (64 - k)); };
+  auto consume = [&](uint32_t k) {
+    acc <<= k;
+    bits -= k;
   };
 
   while (state != State::kDone) {
-    if (bits < 32) {
+    if (bits <= 32) {
       if (n - i >= 4) {
-        acc = (acc << 32) | load_be32(src + i);
+        acc |= uint64_t{load_be32(src + i)} << (32 - bits);
         i += 4;
         bits += 32;
       } else {
         while (bits <= 56 && i < n) {
-          acc = (acc << 8) | src[i++];
+          acc |= uint64_t{src[i++]} << (56 - bits);
           bits += 8;
         }
       }
@@ -352,7 +356,7 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
       const ModeEntry &m = kModeTable[peek(kModePeek)];
       if (m.kind == kModeVertical) {
         if (m.length > bits) break;
-        bits -= m.length;
+        consume(m.length);
         ib = find_b1(ref, ib, a0, colour);
         const int32_t a1 = ref[ib] + m.offset;
         if (a1 <= a0 || a1 > width) {
@@ -365,13 +369,13 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
         row_complete = a0 >= width;
       } else if (m.kind == kModeHorizontal) {
         if (m.length > bits) break;
-        bits -= m.length;
+        consume(m.length);
         state = State::kRun1;
         run = 0;
         continue;
       } else if (m.kind == kModePass) {
         if (m.length > bits) break;
-        bits -= m.length;
+        consume(m.length);
         ib = find_b1(ref, ib, a0, colour);
         const int32_t b2 = ref[ib + 1];
         if (b2 >= width) {
@@ -386,7 +390,7 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
           fault = "Invalid Group 4 code";
           break;
         }
-        bits -= 12;
+        consume(12);
         if (a0 != -1 || ncur != 0) {
           fault = "EOL inside a Group 4 row";
           break;
@@ -408,7 +412,7 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
         break;
       }
       if (e.length > bits) break;
-      bits -= e.length;
+      consume(e.length);
       run += e.run;
       if (run > width_) {
         fault = "Group 4 run beyond the end of the row";
@@ -438,7 +442,7 @@ bool G4Decoder::decode(const uint8_t *src, size_t n, uint8_t *page, size_t strid
         fault = "Invalid Group 4 code after EOL";
         break;
       }
-      bits -= 12;
+      consume(12);
       state = State::kDone;
       if (row < height_) {
         ZT_LOG(kG4Module, fn, "Group 4 data end after %u of %u rows", row, height_);

@@ -77,7 +77,7 @@ class G4Decoder {
   uint32_t ib_ = 0;    // where the b1 search starts
   uint32_t run_ = 0;   // make-up total of the run being read
   uint32_t run1_ = 0;  // first run of horizontal mode
-  uint64_t acc_ = 0;   // unread bits, the oldest highest of the low acc_bits_
+  uint64_t acc_ = 0;   // unread bits at the top, the oldest highest, zeros below
   uint32_t acc_bits_ = 0;
   State state_ = State::kMode;
   bool failed_ = false;

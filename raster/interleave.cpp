@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "foundation/simd_dispatch.h"
+#include "raster/buf_internal.h"
 #include "raster/interleave_internal.h"
 
 #define ZT_KERNEL_NS baseline
@@ -28,6 +29,8 @@ void planes_to_pixels8(uint8_t *, const uint8_t *, size_t, size_t, size_t);
 void planes_to_pixels16(uint16_t *, const uint16_t *, size_t, size_t, size_t);
 void pixels_to_planes8(uint8_t *, const uint8_t *, size_t, size_t, size_t);
 void pixels_to_planes16(uint16_t *, const uint16_t *, size_t, size_t, size_t);
+void planes4_16_to_pixels8(uint8_t *, const uint16_t *, const uint16_t *, const uint16_t *, const uint16_t *,
+                           size_t, const uint8_t *);
 }  // namespace avx2
 
 namespace {
@@ -45,13 +48,16 @@ struct InterleaveKernels {
   void (*l2p_16)(uint16_t *, const uint16_t *, size_t, size_t, size_t);
   void (*p2l_8)(uint8_t *, const uint8_t *, size_t, size_t, size_t);
   void (*p2l_16)(uint16_t *, const uint16_t *, size_t, size_t, size_t);
+  void (*l16p8_4)(uint8_t *, const uint16_t *, const uint16_t *, const uint16_t *, const uint16_t *, size_t,
+                  const uint8_t *);
 };
 
 #define ZT_INTERLEAVE_TABLE(ns)                                                                             \
   {                                                                                                         \
     ns::planes4_to_pixels8, ns::planes4_to_pixels16, ns::pixels_to_planes4_8, ns::pixels_to_planes4_16,     \
         ns::planes3_to_pixels8, ns::planes3_to_pixels16, ns::pixels_to_planes3_8, ns::pixels_to_planes3_16, \
-        ns::planes_to_pixels8, ns::planes_to_pixels16, ns::pixels_to_planes8, ns::pixels_to_planes16        \
+        ns::planes_to_pixels8, ns::planes_to_pixels16, ns::pixels_to_planes8, ns::pixels_to_planes16,       \
+        ns::planes4_16_to_pixels8                                                                           \
   }
 constexpr InterleaveKernels kBaseline = ZT_INTERLEAVE_TABLE(baseline);
 constexpr InterleaveKernels kAvx2 = ZT_INTERLEAVE_TABLE(avx2);
@@ -144,6 +150,10 @@ void line_to_pixel(void *dst, const void *src, size_t width, size_t channels, ui
       g_k.l2p_16(d, s, width, channels, stride);
     }
   }
+}
+
+void line16_to_pixel8_4(uint8_t *dst, const uint16_t *src, size_t width, size_t stride) {
+  g_k.l16p8_4(dst, src, src + stride, src + 2 * stride, src + 3 * stride, width, table16to8());
 }
 
 void pixel_to_line(void *dst, const void *src, size_t width, size_t channels, uint32_t bps, size_t stride) {

@@ -110,6 +110,40 @@ void planes4_to_pixels16(uint16_t *dst, const uint16_t *p0, const uint16_t *p1, 
   planes4_tail(dst, p0, p1, p2, p3, i, width);
 }
 
+// Four planes of 16-bit samples to 8-bit pixels in one pass, each sample
+// through `table` (the 16-to-8 table): a depth change and an interleave
+// change without a staging row between them.
+void planes4_16_to_pixels8(uint8_t *dst, const uint16_t *p0, const uint16_t *p1, const uint16_t *p2,
+                           const uint16_t *p3, size_t width, const uint8_t *table) {
+  size_t i = 0;
+#if defined(__AVX2__)
+  // The table's rule, round(v / 257), as floor((v + 128) / 257) (no ties: 257
+  // is odd): v + 128 saturated (whatever saturates gives 255 either way),
+  // then the high half of x * 65281 shifted by 8, which is x / 257 below 2^17.
+  const __m256i half = _mm256_set1_epi16(128);
+  const __m256i k65281 = _mm256_set1_epi16(static_cast<int16_t>(65281));
+  const auto bytes = [&](const uint16_t *p) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+    return _mm256_srli_epi16(_mm256_mulhi_epu16(_mm256_adds_epu16(v, half), k65281), 8);
+  };
+  for (; i + 16 <= width; i += 16) {
+    // Channel pairs side by side in 16-bit lanes, then pairs of pairs: one
+    // 32-bit pixel a lane, pixels 0-3 and 8-11 in `lo`, 4-7 and 12-15 in `hi`.
+    const __m256i ab = _mm256_or_si256(bytes(p0 + i), _mm256_slli_epi16(bytes(p1 + i), 8));
+    const __m256i cd = _mm256_or_si256(bytes(p2 + i), _mm256_slli_epi16(bytes(p3 + i), 8));
+    const __m256i lo = _mm256_unpacklo_epi16(ab, cd), hi = _mm256_unpackhi_epi16(ab, cd);
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * i), _mm256_permute2x128_si256(lo, hi, 0x20));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * i + 32), _mm256_permute2x128_si256(lo, hi, 0x31));
+  }
+#endif
+  for (; i < width; ++i) {
+    dst[4 * i] = table[p0[i]];
+    dst[4 * i + 1] = table[p1[i]];
+    dst[4 * i + 2] = table[p2[i]];
+    dst[4 * i + 3] = table[p3[i]];
+  }
+}
+
 #if defined(__AVX2__)
 // Four registers whose 32-bit lanes each hold one channel's run, transposed
 // so that each output register holds one channel.

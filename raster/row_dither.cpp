@@ -21,6 +21,10 @@ struct NoiseTables {
   std::unique_ptr<float[]> real;
   std::unique_ptr<int32_t[]> wide;
   std::unique_ptr<int32_t[]> narrow;
+  // The integer tables again in 16 bits (wide 0..512, narrow -129..385), the
+  // copies the kernels read; contexts point into the 32-bit ones.
+  std::unique_ptr<int16_t[]> wide16;
+  std::unique_ptr<int16_t[]> narrow16;
 };
 
 // Written at start-up and shut-down only (under the mutex); the pointers are
@@ -42,7 +46,10 @@ int32_t dither_tables_init(const char *module, const char *function) {
   t.real.reset(new (std::nothrow) float[kTableSize]);
   t.wide.reset(new (std::nothrow) int32_t[kTableSize]);
   t.narrow.reset(new (std::nothrow) int32_t[kTableSize]);
-  if (t.real == nullptr || t.wide == nullptr || t.narrow == nullptr) {
+  t.wide16.reset(new (std::nothrow) int16_t[kTableSize]);
+  t.narrow16.reset(new (std::nothrow) int16_t[kTableSize]);
+  if (t.real == nullptr || t.wide == nullptr || t.narrow == nullptr || t.wide16 == nullptr ||
+      t.narrow16 == nullptr) {
     ZT_LOG(module, function, "Cannot allocate memory");
     return -1;
   }
@@ -63,6 +70,10 @@ int32_t dither_tables_init(const char *module, const char *function) {
     const int32_t r1 = ZT_randomIntInRange(0, 257);
     const int32_t r2 = ZT_randomIntInRange(0, 257);
     t.narrow[i] = r1 - r2 + 128;
+  }
+  for (size_t i = 0; i < kTableSize; ++i) {
+    t.wide16[i] = static_cast<int16_t>(t.wide[i]);
+    t.narrow16[i] = static_cast<int16_t>(t.narrow[i]);
   }
   g_tables = std::move(t);
   return 0;
@@ -109,10 +120,28 @@ void dither_16to8(DitherContext *context, uint8_t *out, const uint16_t *in, size
         // No table attached (set up before the tables were built): round.
         k.copy16to8(out, in, n, table16to8());
       } else if (context->noiseKind == ZT_DITHER_NOISE_WIDE || context->noiseKind == ZT_DITHER_NOISE_NARROW) {
-        context->tableCursor = k.dither_int(out, in, n, static_cast<const int32_t *>(context->tableStart),
-                                            static_cast<const int32_t *>(context->tableEnd),
-                                            static_cast<const int32_t *>(context->tableCursor),
-                                            context->noiseKind == ZT_DITHER_NOISE_NARROW);
+        const bool narrow = context->noiseKind == ZT_DITHER_NOISE_NARROW;
+        const auto *start = static_cast<const int32_t *>(context->tableStart);
+        const auto *end = static_cast<const int32_t *>(context->tableEnd);
+        const auto *cursor = static_cast<const int32_t *>(context->tableCursor);
+        if (start == (narrow ? g_tables.narrow.get() : g_tables.wide.get()) && end == start + kTableSize) {
+          const int16_t *table16 = narrow ? g_tables.narrow16.get() : g_tables.wide16.get();
+          context->tableCursor =
+              start + k.dither_int(out, in, n, table16, kTableSize, static_cast<size_t>(cursor - start), narrow);
+        } else {
+          // A table of the caller's own has no 16-bit copy: sample by sample.
+          for (size_t i = 0; i < n; ++i) {
+            const uint32_t s = in[i];
+            if (s == 0 || s == 65535) {
+              out[i] = static_cast<uint8_t>(s & 255u);
+              continue;
+            }
+            const int32_t v = static_cast<int32_t>(s) + *cursor;
+            out[i] = narrow && v < 1 ? 0 : v < 65535 ? static_cast<uint8_t>(v / 257) : 255;
+            if (++cursor == end) cursor = start;
+          }
+          context->tableCursor = cursor;
+        }
       } else {
         context->tableCursor = k.dither_real(out, in, n, static_cast<const float *>(context->tableStart),
                                              static_cast<const float *>(context->tableEnd),

@@ -195,14 +195,19 @@ int32_t copy_rect(ScanlineBuf *dst, const ScanlineBuf *src, uint32_t sx, uint32_
   }
   const uint32_t dbps = dbits / 8;
   const size_t run = size_t{w} * ch;
-  // Depth changes go through one row of staging at the destination depth.
-  std::vector<uint8_t> stage(sbits != dbits ? run * dbps : 0);
+  // Depth changes go through one row of staging at the destination depth,
+  // but for the common one (four 16-bit planes into 8-bit pixels), which
+  // converts and interleaves in one pass.
+  const bool fused = sbits == 16 && dbits == 8 && ch == 4 && src->interleave == ZT_INTERLEAVE_BY_LINE;
+  std::vector<uint8_t> stage(sbits != dbits && !fused ? run * dbps : 0);
   for (uint32_t y = 0; y < h; ++y) {
     const uint8_t *srow = row_ptr(src, sy + y);
     uint8_t *drow = row_ptr(dst, dy + y);
     if (src->interleave == ZT_INTERLEAVE_BY_LINE) {
       uint8_t *out = drow + size_t{dx} * ch * dbps;
-      if (stage.empty()) {
+      if (fused) {
+        line16_to_pixel8_4(out, reinterpret_cast<const uint16_t *>(srow) + sx, w, plane_samples(src));
+      } else if (stage.empty()) {
         line_to_pixel(out, srow + size_t{sx} * dbps, w, ch, dbps, plane_samples(src));
       } else {
         for (uint32_t c = 0; c < ch; ++c) {

@@ -293,10 +293,7 @@ void BM_Read(benchmark::State &state, Kind kind, bool columns) {
   static bool checked[3][2] = {};
   if (!checked[kind][columns]) {
     checked[kind][columns] = true;
-    if (!read_back(kind, columns, true)) {
-      state.SkipWithError("the page read back differs");
-      return;
-    }
+    if (!zt::bench::check(state, read_back(kind, columns, true), "the page read back differs")) return;
   }
   for (auto _ : state) read_back(kind, columns, false);
   set_pixels(state, double(config().side) * config().side);
@@ -350,11 +347,11 @@ void BM_RandomTiles(benchmark::State &state) {
     return ZT_ImageBufGetRectangle(buf.get(), tx * kTile, ty * kTile, kTile, kTile, out.data, 0);
   };
   (void)across;
-  if (fetch(full_tiles + 1) != 0 || out.data[0] != sample(kTile, kTile, 0) ||
-      out.data[(size_t{kTile} * 17 + 5) * kChannels + 2] != sample(kTile + 5, kTile + 17, 2)) {
-    state.SkipWithError("tile fetched wrong");
+  if (!zt::bench::check(state,
+                        fetch(full_tiles + 1) == 0 && out.data[0] == sample(kTile, kTile, 0) &&
+                            out.data[(size_t{kTile} * 17 + 5) * kChannels + 2] == sample(kTile + 5, kTile + 17, 2),
+                        "tile fetched wrong"))
     return;
-  }
   const int fetches = c.full ? 20000 : 500;
   for (auto _ : state)
     for (int i = 0; i < fetches; ++i) fetch(rng() % (full_tiles * full_tiles));
@@ -399,10 +396,7 @@ void BM_Rotate90(benchmark::State &state) {
     const uint32_t x = rng() % c.side, y = rng() % c.side;
     // A quarter turn clockwise: pixel (x, y) came from (y, side - 1 - x).
     ZT_ImageBufGetPixel(g_ours.get(), x, y, px);
-    if (px[1] != sample(y, c.side - 1 - x, 1)) {
-      state.SkipWithError("rotated page differs");
-      return;
-    }
+    if (!zt::bench::check(state, px[1] == sample(y, c.side - 1 - x, 1), "rotated page differs")) return;
   }
   if (!checked) ++g_turns;
   checked = true;
@@ -496,37 +490,29 @@ int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   register_all();
-  zt::bench::CounterReporter reporter("Mpx_s");
+  zt::bench::Results reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
   const Config &c = config();
-  std::printf("\n%u x %u CMYK 8-bit page, cache %lld MiB, swap in %s\n", c.side, c.side,
-              static_cast<long long>(c.cache >> 20), c.dir.c_str());
-  std::printf("%-22s %10s %10s %8s %8s %s\n", "case (Mpixel/s)", "ours", "peer", "ratio", "goal", "holds");
+  char title[160];
+  std::snprintf(title, sizeof title, "%u x %u CMYK 8-bit page, cache %lld MiB, swap in %s (Mpixel/s, medians)", c.side,
+                c.side, static_cast<long long>(c.cache >> 20), c.dir.c_str());
+  zt::bench::Table table(title, "Mpx/s");
   for (const char *pass : {"Fill", "Columns", "Scanlines"}) {
-    const double ours = reporter.value(std::string("ImageBuf_") + pass + "/ours");
-    for (const char *peer : {"plain_raw", "plain_lz4"}) {
-      const double theirs = reporter.value(std::string("ImageBuf_") + pass + "/" + peer);
-      const double goal = std::string(pass) == "Columns" ? 2.0 : 1.0;
-      const double ratio = theirs > 0 ? ours / theirs : 0;
-      std::printf("%-22s %10.1f %10.1f %8.2f %8.1f %s\n", (std::string(pass) + " vs " + peer).c_str(), ours, theirs,
-                  ratio, goal, ratio >= goal ? "yes" : "NO");
-    }
+    const double ours = reporter.value(std::string("ImageBuf_") + pass + "/ours", "Mpx_s");
+    for (const char *peer : {"plain_raw", "plain_lz4"})
+      table.row(std::string(pass) + " vs " + peer, ours,
+                reporter.value(std::string("ImageBuf_") + pass + "/" + peer, "Mpx_s"),
+                zt::bench::Goal::ratio(std::string(pass) == "Columns" ? 2.0 : 1.0));
   }
-  const double tiles = reporter.value("ImageBuf_RandomTiles/ours") * 1e6 / (kTile * kTile);
-  std::printf("%-22s %10.0f %10s %8s %8s %s\n", "RandomTiles (tiles/s)", tiles, "-", "-", "9000",
-              tiles >= 9000 ? "yes" : "NO");
-  const double rot = reporter.value("ImageBuf_Rotate90/ours");
-#if defined(ZT_HAVE_VIPS)
-  const double vips = reporter.value("ImageBuf_Rotate90/vips");
-  std::printf("%-22s %10.1f %10.1f %8.2f %8.1f %s\n", "Rotate90 vs vips_rot", rot, vips, vips > 0 ? rot / vips : 0,
-              1.0, vips > 0 && rot >= vips ? "yes" : "NO");
-  std::printf("%-22s %10.0f %10.0f %8s %8.0f %s\n", "Rotate90 peak MiB", g_peak_ours, g_peak_vips, "-",
-              double((c.cache >> 20) + 64), g_peak_ours <= double((c.cache >> 20) + 64) ? "yes" : "NO");
-#else
-  std::printf("%-22s %10.1f (libvips not built in)\n", "Rotate90", rot);
-#endif
+  table.row("RandomTiles (tiles/s)", reporter.value("ImageBuf_RandomTiles/ours", "tiles_s"), 0,
+            zt::bench::Goal::at_least(9000));
+  table.row("Rotate90 vs vips_rot", reporter.value("ImageBuf_Rotate90/ours", "Mpx_s"),
+            reporter.value("ImageBuf_Rotate90/vips", "Mpx_s"), zt::bench::Goal::ratio(1.0));
+  table.row_lower_is_better("Rotate90 peak MiB", g_peak_ours, g_peak_vips,
+                            zt::bench::Goal::at_most(double((c.cache >> 20) + 64)));
+  table.print();
   if (!g_vlimg_name.empty()) ::unlink(g_vlimg_name.c_str());
 #if defined(ZT_HAVE_VIPS)
   if (!g_raw_name.empty()) ::unlink(g_raw_name.c_str());
@@ -534,5 +520,5 @@ int main(int argc, char **argv) {
 #endif
   g_ours.reset();
   ZT_DeInitSubSystems();
-  return 0;
+  return zt::bench::exit_code();
 }

@@ -11,6 +11,8 @@
 // compression ratio. A table after the run sets each case against its peer.
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
+
+#include "bench_support.h"
 #include <unistd.h>
 #include <zt/init.h>
 #include <zt/vlimg.h>
@@ -151,6 +153,12 @@ void BM_Vlimg_Write(benchmark::State &state) {
   VLIMGSetupThreads(static_cast<uint32_t>(state.range(1)));
   const std::string name = path("ours_w");
   page();
+  std::memset(target().p, 0, page_bytes());
+  if (!zt::bench::check(state,
+                        ours_write(c, name) && ours_read(name) &&
+                            std::memcmp(target().p, page().p, page_bytes()) == 0,
+                        "the VLIMG page written does not read back"))
+    return;
   for (auto _ : state)
     if (!ours_write(c, name)) state.SkipWithError("VLIMG write failed");
   set_counters(state, file_size(name));
@@ -163,8 +171,9 @@ void BM_Vlimg_Read(benchmark::State &state) {
   const std::string name = path("ours_r");
   if (!ours_write(c, name)) state.SkipWithError("VLIMG write failed");
   std::memset(target().p, 0, page_bytes());
-  if (!ours_read(name) || std::memcmp(target().p, page().p, page_bytes()) != 0)
-    state.SkipWithError("VLIMG page does not read back");
+  if (!zt::bench::check(state, ours_read(name) && std::memcmp(target().p, page().p, page_bytes()) == 0,
+                        "VLIMG page does not read back"))
+    return;
   for (auto _ : state)
     if (!ours_read(name)) state.SkipWithError("VLIMG read failed");
   set_counters(state, file_size(name));
@@ -264,6 +273,12 @@ void BM_Tiff_Write(benchmark::State &state) {
   const Codec &c = kCodecs[state.range(0)];
   const std::string name = path("tiff_w");
   page();
+  std::memset(target().p, 0, page_bytes());
+  if (!zt::bench::check(state,
+                        tiff_write(c, name) && tiff_read(c, name) &&
+                            std::memcmp(target().p, page().p, page_bytes()) == 0,
+                        "the TIFF page written does not read back"))
+    return;
   for (auto _ : state)
     if (!tiff_write(c, name)) state.SkipWithError("TIFF write failed");
   set_counters(state, file_size(name));
@@ -275,8 +290,9 @@ void BM_Tiff_Read(benchmark::State &state) {
   const std::string name = path("tiff_r");
   if (!tiff_write(c, name)) state.SkipWithError("TIFF write failed");
   std::memset(target().p, 0, page_bytes());
-  if (!tiff_read(c, name) || std::memcmp(target().p, page().p, page_bytes()) != 0)
-    state.SkipWithError("TIFF page does not read back");
+  if (!zt::bench::check(state, tiff_read(c, name) && std::memcmp(target().p, page().p, page_bytes()) == 0,
+                        "TIFF page does not read back"))
+    return;
   for (auto _ : state)
     if (!tiff_read(c, name)) state.SkipWithError("TIFF read failed");
   set_counters(state, file_size(name));
@@ -296,58 +312,27 @@ void BM_Memcpy_Page(benchmark::State &state) {
 
 // ---- The table -------------------------------------------------------------------------
 
-class TableReporter : public benchmark::ConsoleReporter {
- public:
-  std::map<std::string, double> mbps;
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const Run &run : runs) {
-      auto it = run.counters.find("MB/s");
-      if (it == run.counters.end() || run.error_occurred) continue;
-      const std::string key = run.run_name.function_name + "/" + run.run_name.args;
-      if (run.run_type == Run::RT_Aggregate) {
-        if (run.aggregate_name == "median") medians_[key] = it->second.value;
-      } else {
-        mbps[key] = it->second.value;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  double value(const std::string &key) const {
-    if (auto it = medians_.find(key); it != medians_.end()) return it->second;
-    auto it = mbps.find(key);
-    return it == mbps.end() ? 0 : it->second;
-  }
-
- private:
-  std::map<std::string, double> medians_;
-};
-
-void print_table(const TableReporter &r) {
-  std::printf("\nVLIMG tiled %u x %u CMYK page, %u^2 tiles: MB/s of page data (medians when repeated)\n",
-              g_side, g_side, kTile);
-  std::printf("%-28s %10s %10s %8s %8s %6s\n", "case", "ours", "peer", "ratio", "goal", "holds");
-  auto row = [&](const std::string &name, const std::string &ours, const std::string &peer, double goal) {
-    const double a = r.value(ours), b = r.value(peer);
-    if (a == 0 || b == 0) return;
-    const double ratio = a / b;
-    std::printf("%-28s %10.1f %10.1f %7.2fx %7.1fx %6s\n", name.c_str(), a, b, ratio, goal,
-                goal == 0       ? "-"
-                : ratio >= goal ? "yes"
-                                : "NO");
-  };
+void print_table(const zt::bench::Results &r) {
+  char title[128];
+  std::snprintf(title, sizeof title, "VLIMG tiled %u x %u CMYK page, %u^2 tiles (MB/s of page data, medians)", g_side,
+                g_side, kTile);
+  zt::bench::Table table(title, "MB/s");
   for (int c = 0; c < 5; ++c) {
     const std::string n = kCodecs[c].name, idx = std::to_string(c);
     const bool real = c != 0;
     for (const char *op : {"Write", "Read"}) {
       const std::string peer = std::string("BM_Tiff_") + op + "/" + idx;
-      row(n + " " + op + " 1T vs libtiff", std::string("BM_Vlimg_") + op + "/" + idx + "/1", peer, 1.0);
-      row(n + " " + op + " 2T vs libtiff", std::string("BM_Vlimg_") + op + "/" + idx + "/2", peer,
-          real ? 1.8 : 0);
+      const std::string ours = std::string("BM_Vlimg_") + op + "/" + idx;
+      table.row(n + " " + op + " 1T vs libtiff", r.value(ours + "/1", "MB/s"), r.value(peer, "MB/s"),
+                zt::bench::Goal::ratio(1.0));
+      table.row(n + " " + op + " 2T vs libtiff", r.value(ours + "/2", "MB/s"), r.value(peer, "MB/s"),
+                real ? zt::bench::Goal::ratio(1.8) : zt::bench::Goal::none());
       if (!real)
-        row(n + " " + op + " 1T vs memcpy", std::string("BM_Vlimg_") + op + "/" + idx + "/1",
-            "BM_Memcpy_Page/", 0.5);
+        table.row(n + " " + op + " 1T vs memcpy", r.value(ours + "/1", "MB/s"), r.value("BM_Memcpy_Page", "MB/s"),
+                  zt::bench::Goal::ratio(0.5));
     }
   }
+  table.print();
 }
 
 void register_all() {
@@ -396,10 +381,10 @@ int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   register_all();
-  TableReporter reporter;
+  zt::bench::Results reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   print_table(reporter);
   benchmark::Shutdown();
   ZT_DeInitSubSystems();
-  return 0;
+  return zt::bench::exit_code();
 }

@@ -145,6 +145,28 @@ TEST_P(ScanlinebufCopyTest, WholeCopyConvertsInterleaveAndDepth) {
   }
 }
 
+// Four 16-bit planes into 8-bit pixels convert and interleave in one pass:
+// every 16-bit value must land where the model puts it, in a rectangle whose
+// width is no multiple of the vector block, at an offset on both sides.
+TEST_P(ScanlinebufCopyTest, EverySixteenBitValueIntoBytePixels) {
+  LibraryScope library;
+  zt::test::SimdLevelScope level(GetParam());
+  const uint32_t width = 16400;
+  BufPtr src = make(ZT_INTERLEAVE_BY_LINE, 16, 4, width, 2);
+  BufPtr dst = make(ZT_INTERLEAVE_BY_PIXEL, 8, 4, width, 2);
+  BufPtr before = make(ZT_INTERLEAVE_BY_PIXEL, 8, 4, width, 2);
+  ASSERT_TRUE(src && dst && before);
+  for (uint32_t y = 0; y < 2; ++y)
+    for (uint32_t c = 0; c < 4; ++c) {
+      auto *plane = reinterpret_cast<uint16_t *>(src->data + size_t{y} * src->bytesPerLine +
+                                                 size_t{c} * src->bytesPerPlaneRow);
+      for (uint32_t x = 0; x < width; ++x) plane[x] = static_cast<uint16_t>(x * 4 + c + y * 13);
+    }
+  std::memcpy(before->data, dst->data, size_t{dst->bytesPerLine} * dst->lines);
+  ASSERT_EQ(scanlinebufCopyRect(dst.get(), src.get(), 3, 0, width - 9, 2, 5, 0), 0);
+  expect_copied(before.get(), dst.get(), src.get(), 3, 0, width - 9, 2, 5, 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Levels, ScanlinebufCopyTest, testing::ValuesIn(zt::test::simd_levels()),
                          zt::test::simd_level_name);
 

@@ -8,6 +8,7 @@
 #include <zt/random.h>
 #include <zt/scanlinebuf.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -126,6 +127,62 @@ TEST(DitherTest, VectorKernelMatchesBaselineAcrossTheWrap) {
         EXPECT_EQ(base.tableCursor, vec.tableCursor);
       }
     }
+  }
+}
+
+// The vector form divides by 257 without a division instruction and reads
+// the integer noise from a narrower copy of its table: every sample value
+// between the ends, from several table positions, must still give the
+// baseline's bytes.
+TEST(DitherTest, VectorKernelMatchesBaselineForEverySample) {
+  LibraryScope library;
+  std::vector<uint16_t> in(65534);
+  for (uint32_t s = 1; s <= 65534; ++s) in[s - 1] = static_cast<uint16_t>(s);
+  for (uint32_t kind : kKinds) {
+    for (const size_t from : {size_t{0}, size_t{3}, size_t{ZT_DITHER_TABLE_SIZE - 40000}}) {
+      DitherContext base{};
+      ditherSetup(&base, 2, kind);
+      base.tableCursor = static_cast<const int32_t *>(base.tableStart) + from;
+      DitherContext vec = base;
+      std::vector<uint8_t> a(in.size()), b(in.size());
+      {
+        SimdLevelScope level(ZT_SIMD_BASELINE);
+        ditherBuf16To8(&base, a.data(), in.data(), static_cast<uint32_t>(in.size()));
+      }
+      {
+        SimdLevelScope level(ZT_SIMD_AVX2);
+        ditherBuf16To8(&vec, b.data(), in.data(), static_cast<uint32_t>(in.size()));
+      }
+      EXPECT_EQ(a, b) << kind << " from " << from;
+      EXPECT_EQ(base.tableCursor, vec.tableCursor) << kind << " from " << from;
+    }
+  }
+}
+
+// Real noise chosen per sample so that s / 257 plus it lands exactly on a
+// whole number: a quotient one unit in the last place low (what a plain
+// product with the reciprocal gives for 254 samples) truncates one code
+// lower. Every sample at both levels must give that whole number.
+TEST(DitherTest, RealNoiseQuotientIsTheDivision) {
+  LibraryScope library;
+  std::vector<uint16_t> in(65534);
+  std::vector<float> noise(in.size());
+  std::vector<uint8_t> expect(in.size());
+  for (uint32_t s = 1; s <= 65534; ++s) {
+    const float q = static_cast<float>(s) / 257.0f;
+    in[s - 1] = static_cast<uint16_t>(s);
+    noise[s - 1] = std::ceil(q) - q;
+    expect[s - 1] = static_cast<uint8_t>(std::min(255.0f, std::ceil(q)));
+  }
+  for (const int32_t simd : {ZT_SIMD_BASELINE, ZT_SIMD_AVX2}) {
+    SimdLevelScope level(simd);
+    DitherContext ctx{};
+    ditherSetup(&ctx, 2, 7);
+    ctx.tableStart = ctx.tableCursor = noise.data();
+    ctx.tableEnd = noise.data() + noise.size();
+    std::vector<uint8_t> out(in.size());
+    ditherBuf16To8(&ctx, out.data(), in.data(), static_cast<uint32_t>(in.size()));
+    EXPECT_EQ(out, expect) << "level " << simd;
   }
 }
 
