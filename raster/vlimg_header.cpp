@@ -1,5 +1,6 @@
 // Page headers: parsing with every check made before a number is used, writing
 // in our fixed item order, the reserved tile table and the page chain.
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <unordered_set>
@@ -520,35 +521,20 @@ struct ItemWriter {
     zt::store_be32(head + 10, count);
     return io.write(head, 14) && (n == 0 || io.write(payload, n));
   }
-  bool u16(uint32_t tag, uint32_t v) {
-    uint8_t b[2];
-    zt::store_be16(b, static_cast<uint16_t>(v));
-    return item(tag, kTypeU16, 1, b, 2);
+  // One big-endian value of 2, 4 or 8 bytes; floats go as their bits.
+  template <typename U>
+  bool scalar(uint32_t tag, uint16_t type, U v) {
+    uint8_t b[sizeof(U)];
+    if constexpr (sizeof(U) == 2) zt::store_be16(b, v);
+    if constexpr (sizeof(U) == 4) zt::store_be32(b, v);
+    if constexpr (sizeof(U) == 8) zt::store_be64(b, v);
+    return item(tag, type, 1, b, sizeof(U));
   }
-  bool u32(uint32_t tag, uint32_t v) {
-    uint8_t b[4];
-    zt::store_be32(b, v);
-    return item(tag, kTypeU32, 1, b, 4);
-  }
-  bool u64(uint32_t tag, uint64_t v) {
-    uint8_t b[8];
-    zt::store_be64(b, v);
-    return item(tag, kTypeU64, 1, b, 8);
-  }
-  bool f32(uint32_t tag, float v) {
-    uint32_t bits = 0;
-    std::memcpy(&bits, &v, 4);
-    uint8_t b[4];
-    zt::store_be32(b, bits);
-    return item(tag, kTypeFloat, 1, b, 4);
-  }
-  bool f64(uint32_t tag, double v) {
-    uint64_t bits = 0;
-    std::memcpy(&bits, &v, 8);
-    uint8_t b[8];
-    zt::store_be64(b, bits);
-    return item(tag, kTypeDouble, 1, b, 8);
-  }
+  bool u16(uint32_t tag, uint32_t v) { return scalar(tag, kTypeU16, static_cast<uint16_t>(v)); }
+  bool u32(uint32_t tag, uint32_t v) { return scalar(tag, kTypeU32, v); }
+  bool u64(uint32_t tag, uint64_t v) { return scalar(tag, kTypeU64, v); }
+  bool f32(uint32_t tag, float v) { return scalar(tag, kTypeFloat, std::bit_cast<uint32_t>(v)); }
+  bool f64(uint32_t tag, double v) { return scalar(tag, kTypeDouble, std::bit_cast<uint64_t>(v)); }
   bool text(uint32_t tag, const std::string &s) {
     return item(tag, kTypeText, static_cast<uint32_t>(s.size()), s.data(), static_cast<uint32_t>(s.size()));
   }
