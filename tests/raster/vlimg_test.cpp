@@ -55,7 +55,7 @@ struct Hand {
   }
 };
 
-struct PageSpec {
+struct PageLayout {
   uint32_t width = 0, height = 0, type = VLIMG_IMAGETYPE_GREY, compression = VLIMG_COMPRESSION_NONE;
   std::vector<uint32_t> bpp;  // empty: 8 bits per plane
   uint32_t numseps = 0;
@@ -63,7 +63,7 @@ struct PageSpec {
   uint32_t tile_w = 0, tile_h = 0;
 };
 
-uint32_t planes_of(const PageSpec &p) {
+uint32_t planes_of(const PageLayout &p) {
   switch (p.type) {
     case 2:
     case 9:
@@ -82,16 +82,16 @@ uint32_t planes_of(const PageSpec &p) {
   }
 }
 
-uint32_t bits_of(const PageSpec &p) {
+uint32_t bits_of(const PageLayout &p) {
   uint32_t bits = 0;
   for (uint32_t i = 0; i < planes_of(p); ++i) bits += p.bpp.empty() ? 8 : p.bpp[i];
   return bits;
 }
 
-size_t line_of(const PageSpec &p, uint32_t width) { return (size_t{width} * bits_of(p) + 7) / 8; }
+size_t line_of(const PageLayout &p, uint32_t width) { return (size_t{width} * bits_of(p) + 7) / 8; }
 
 // A page that compresses like a rendered one: flat tints, a ramp and noise.
-Bytes make_pixels(const PageSpec &p, uint32_t seed) {
+Bytes make_pixels(const PageLayout &p, uint32_t seed) {
   const size_t line = line_of(p, p.width);
   Bytes px(line * p.height);
   uint32_t state = seed * 2654435761u + 1;
@@ -123,7 +123,7 @@ void copy_bits(uint8_t *dst, const uint8_t *src, size_t from, size_t bits) {
 }
 
 // Writes `px` as one page of `name` (mode 2 or 5); 0 or -1 like the library.
-int32_t write_page(const std::string &name, int32_t mode, const PageSpec &p, const Bytes &px) {
+int32_t write_page(const std::string &name, int32_t mode, const PageLayout &p, const Bytes &px) {
   VLIMG_File *f = VLIMG_Open(name.c_str(), mode);
   if (f == nullptr) return -1;
   bool ok = VLIMG_SetField(f, VLIMG_TAG_WIDTH, &p.width) == 0 &&
@@ -228,7 +228,7 @@ class Vlimg : public ::testing::Test {
 // ---- Bytes on disk ------------------------------------------------------------
 
 TEST_F(Vlimg, ScanlinePageIsLaidOutItemByItem) {
-  PageSpec p;
+  PageLayout p;
   p.width = 3;
   p.height = 2;
   const Bytes px = {1, 2, 3, 4, 5, 6};
@@ -239,7 +239,7 @@ TEST_F(Vlimg, ScanlinePageIsLaidOutItemByItem) {
 }
 
 TEST_F(Vlimg, TiledPageReservesItsTableAndFillsItLast) {
-  PageSpec p;
+  PageLayout p;
   p.width = 3;
   p.height = 2;
   p.tile_w = 2;
@@ -257,7 +257,7 @@ TEST_F(Vlimg, TiledPageReservesItsTableAndFillsItLast) {
 }
 
 TEST_F(Vlimg, AppendedPageIsLinkedFromThePageBefore) {
-  PageSpec p;
+  PageLayout p;
   p.width = 2;
   p.height = 1;
   ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, {7, 8}), 0);
@@ -272,7 +272,7 @@ TEST_F(Vlimg, AppendedPageIsLinkedFromThePageBefore) {
 }
 
 TEST_F(Vlimg, CompressedLineIsABlockWithFlagsAndLength) {
-  PageSpec p;
+  PageLayout p;
   p.width = 300;
   p.height = 1;
   p.compression = VLIMG_COMPRESSION_PACKBITS;
@@ -583,14 +583,14 @@ TEST_F(Vlimg, AnnouncedSizesCostNothingUntilDataIsRead) {
 
 struct Layout {
   const char *name;
-  PageSpec spec;
+  PageLayout layout;
 };
 
 std::vector<Layout> layouts() {
   std::vector<Layout> out;
   auto add = [&](const char *name, uint32_t type, std::vector<uint32_t> bpp, uint32_t tw, uint32_t th,
                  uint32_t numseps = 0, std::string seps = "") {
-    PageSpec p;
+    PageLayout p;
     p.width = 37;
     p.height = 23;
     p.type = type;
@@ -623,7 +623,7 @@ TEST_F(Vlimg, EveryLayoutDepthAndCodecRoundTrips) {
   for (const Layout &l : layouts())
     for (uint32_t c : kCompressions) {
       SCOPED_TRACE(std::string(l.name) + " compression " + std::to_string(c));
-      PageSpec p = l.spec;
+      PageLayout p = l.layout;
       p.compression = c;
       const Bytes px = make_pixels(p, c);
       ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
@@ -638,7 +638,7 @@ TEST_F(Vlimg, EveryLayoutDepthAndCodecRoundTrips) {
 }
 
 TEST_F(Vlimg, CompressedPagesAreSmaller) {
-  PageSpec p;
+  PageLayout p;
   p.width = 512;
   p.height = 64;
   p.type = 3;
@@ -653,7 +653,7 @@ TEST_F(Vlimg, CompressedPagesAreSmaller) {
 }
 
 TEST_F(Vlimg, ScanlineBuffersByPixelAndByLine) {
-  PageSpec p;
+  PageLayout p;
   p.width = 9;
   p.height = 2;
   p.type = 2;
@@ -778,15 +778,13 @@ TEST_F(Vlimg, OpenModesAndTheirMessages) {
 
 TEST_F(Vlimg, AppendedPagesAreFoundByNumber) {
   std::vector<Bytes> pages;
-  std::vector<PageSpec> specs;
   for (uint32_t i = 0; i < 4; ++i) {
-    PageSpec p;
+    PageLayout p;
     p.width = 10 + i * 7;
     p.height = 3 + i;
     p.type = i % 2 ? 3 : 1;
     p.compression = kCompressions[i];
     if (i == 2) p.tile_w = p.tile_h = 4;
-    specs.push_back(p);
     pages.push_back(make_pixels(p, i));
     ASSERT_EQ(write_page(path(), i == 0 ? VLIMG_MODE_CREATE : VLIMG_MODE_APPEND, p, pages.back()), 0);
   }
@@ -820,7 +818,7 @@ TEST_F(Vlimg, AppendedPagesAreFoundByNumber) {
 }
 
 TEST_F(Vlimg, SinglePageHasNoSecondPage) {
-  PageSpec p;
+  PageLayout p;
   p.width = p.height = 2;
   ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, Bytes(4, 1)), 0);
   VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
@@ -858,7 +856,7 @@ TEST_F(Vlimg, LoopingChainIsRefused) {
 TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
   for (const Layout &l : layouts()) {
     SCOPED_TRACE(l.name);
-    PageSpec p = l.spec;
+    PageLayout p = l.layout;
     p.compression = 7;
     const Bytes px = make_pixels(p, 11);
     ASSERT_EQ(write_page(path("src.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
@@ -868,7 +866,7 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
                 0)
           << (capture.count() ? capture.lines()[0].message : "");
     }
-    PageSpec c = p;
+    PageLayout c = p;
     c.width = 29;
     c.height = 17;
     Bytes want(line_of(c, 29) * 17, 0);
@@ -894,7 +892,7 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
 class VlimgMT : public Vlimg {};
 
 TEST_F(VlimgMT, ThreadCountDoesNotChangeTheBytes) {
-  PageSpec p;
+  PageLayout p;
   p.width = 300;
   p.height = 200;
   p.type = 3;
@@ -918,7 +916,7 @@ TEST_F(VlimgMT, ThreadCountDoesNotChangeTheBytes) {
 }
 
 TEST_F(VlimgMT, ReaderFollowsAGrowingFile) {
-  PageSpec p;
+  PageLayout p;
   p.width = 1000;
   p.height = 200;
   p.compression = 13;
@@ -966,7 +964,7 @@ TEST_F(VlimgMT, ReaderFollowsAGrowingFile) {
 TEST_F(Vlimg, GrowingReaderRetriesALineThatWasNotThereYet) {
   for (uint32_t compression : {1u, 7u}) {
     SCOPED_TRACE(compression);
-    PageSpec p;
+    PageLayout p;
     p.width = 100;
     p.height = 2;
     p.compression = compression;
@@ -1016,12 +1014,12 @@ class FileSizeLimit {
 };
 
 TEST_F(Vlimg, ShortWriteFailsAndLeavesNoPageInTheChain) {
-  PageSpec p;
+  PageLayout p;
   p.width = 64;
   p.height = 64;
   ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, make_pixels(p, 1)), 0);
   const Bytes first = bytes();
-  PageSpec big;
+  PageLayout big;
   big.width = 4000;
   big.height = 100;
   big.type = 3;

@@ -159,9 +159,9 @@ expect 2 "levels with a paper profile" -- "$zt" rip -o x.vlimg --levels 4 --pape
 [[ ! -e x.vlimg ]] && pass || bad "failed paper-profile runs leave no output"
 
 # ---- every input format, depth and colour model ---------------------------------
-for spec in png:grey:8 png:grey:16 png:rgb:8 png:rgb:16 tif:grey:8 tif:grey:16 tif:rgb:8 tif:rgb:16 \
+for kind in png:grey:8 png:grey:16 png:rgb:8 png:rgb:16 tif:grey:8 tif:grey:16 tif:rgb:8 tif:rgb:16 \
   tif:cmyk:8 tif:cmyk:16 jpg:grey:8 jpg:rgb:8 jpg:cmyk:8; do
-  IFS=: read -r fmt model bits <<<"$spec"
+  IFS=: read -r fmt model bits <<<"$kind"
   in="in-$model-$bits.$fmt"
   "$check" gen "$fmt" "$model" "$bits" 120 60 "$in"
   # 72 dpi in (nothing stated), 108 out: the resampler runs (x 1.5).
