@@ -4,12 +4,14 @@
 #include "raster/imagebuf_internal.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -74,22 +76,113 @@ void list_push_front(int id, Slot *slot) {
   list.head = slot;
 }
 
+// Slot memory. A column, a rotation or a fill walks down whole columns of
+// tiles a row at a time, so with 4 KiB pages nearly every row of every tile is
+// another TLB miss. Slots of kHugeFrom bytes or more are therefore carved from
+// 2 MiB-aligned blocks that the kernel is asked to back with huge pages;
+// smaller ones would waste too much of a block. A block is returned as soon
+// as none of its pieces is in use. Under the cache lock.
+constexpr size_t kHugeBlock = size_t{2} << 20;
+constexpr size_t kHugeFrom = size_t{64} << 10;
+
+struct SlotBlock {
+  SlotBlock *next;
+  uint8_t *base;
+  size_t piece;    // bytes of each piece, a multiple of 4 KiB
+  uint32_t count;  // pieces in the block, at most 32
+  uint32_t free;   // bit i set: piece i is free
+};
+constinit SlotBlock *g_blocks = nullptr;
+
+size_t round_up(size_t n, size_t to) { return (n + to - 1) / to * to; }
+
+uint8_t *slot_memory_get(size_t bytes) {
+  if (bytes < kHugeFrom) {
+    void *mem = nullptr;
+    return ::posix_memalign(&mem, 64, std::max<size_t>(bytes, 1)) == 0 ? static_cast<uint8_t *>(mem) : nullptr;
+  }
+  const size_t piece = round_up(bytes, 4096);
+  for (SlotBlock *b = g_blocks; b != nullptr; b = b->next)
+    if (b->piece == piece && b->free != 0) {
+      const int i = std::countr_zero(b->free);
+      b->free &= b->free - 1;
+      return b->base + static_cast<size_t>(i) * piece;
+    }
+  const size_t block_bytes = std::max(kHugeBlock, round_up(piece, kHugeBlock));
+  auto *b = new (std::nothrow) SlotBlock{g_blocks, nullptr, piece, static_cast<uint32_t>(block_bytes / piece), 0};
+  uint8_t *mem = b != nullptr ? large_alloc(block_bytes) : nullptr;
+  if (mem == nullptr) {
+    delete b;
+    return nullptr;
+  }
+  b->base = mem;
+  b->free = (b->count == 32 ? UINT32_MAX : (uint32_t{1} << b->count) - 1) & ~uint32_t{1};
+  g_blocks = b;
+  return b->base;
+}
+
+void slot_memory_put(uint8_t *mem, size_t bytes) {
+  if (bytes < kHugeFrom) {
+    std::free(mem);
+    return;
+  }
+  for (SlotBlock **at = &g_blocks; *at != nullptr; at = &(*at)->next) {
+    SlotBlock *b = *at;
+    if (mem < b->base || mem >= b->base + size_t{b->count} * b->piece) continue;
+    b->free |= uint32_t{1} << ((mem - b->base) / b->piece);
+    if (b->free == (b->count == 32 ? UINT32_MAX : (uint32_t{1} << b->count) - 1)) {
+      *at = b->next;
+      large_free(b->base);
+      delete b;
+    }
+    return;
+  }
+}
+
+}  // namespace
+
+uint8_t *large_alloc(size_t bytes) {
+  void *mem = nullptr;
+  if (::posix_memalign(&mem, kHugeBlock, std::max<size_t>(bytes, 1)) != 0) return nullptr;
+  // Only advice: without huge pages the memory works as any other.
+  if (bytes >= kHugeBlock) (void)::madvise(mem, bytes, MADV_HUGEPAGE);
+  return static_cast<uint8_t *>(mem);
+}
+
+void large_free(uint8_t *mem) { std::free(mem); }
+
+LargeBuffer::~LargeBuffer() { large_free(data_); }
+
+bool LargeBuffer::resize(size_t bytes) {
+  if (bytes > capacity_) {
+    large_free(data_);
+    size_ = capacity_ = 0;
+    data_ = large_alloc(bytes);
+    if (data_ == nullptr) return false;
+    capacity_ = bytes;
+  }
+  size_ = bytes;
+  return true;
+}
+
+namespace {
+
 void slot_free(Slot *slot) {
   g_cache.used -= static_cast<int64_t>(slot->size);
-  std::free(slot->mem);
+  slot_memory_put(slot->mem, slot->size);
   delete slot;
 }
 
 // A slot of `bytes` bytes counted in the cache's usage; null when memory runs out.
 Slot *slot_new(size_t bytes) {
-  void *mem = nullptr;
-  if (::posix_memalign(&mem, 64, std::max<size_t>(bytes, 1)) != 0) return nullptr;
+  uint8_t *mem = slot_memory_get(bytes);
+  if (mem == nullptr) return nullptr;
   auto *slot = new (std::nothrow) Slot;
   if (slot == nullptr) {
-    std::free(mem);
+    slot_memory_put(mem, bytes);
     return nullptr;
   }
-  slot->mem = static_cast<uint8_t *>(mem);
+  slot->mem = mem;
   slot->size = bytes;
   g_cache.used += static_cast<int64_t>(bytes);
   return slot;
@@ -104,14 +197,14 @@ bool slot_take(Slot *slot, size_t bytes) {
   slot->tile = nullptr;
   slot->dirty = false;
   if (slot->size == bytes) return true;
-  void *mem = nullptr;
-  if (::posix_memalign(&mem, 64, std::max<size_t>(bytes, 1)) != 0) {
+  uint8_t *mem = slot_memory_get(bytes);
+  if (mem == nullptr) {
     slot_free(slot);
     return false;
   }
-  std::free(slot->mem);
+  slot_memory_put(slot->mem, slot->size);
   g_cache.used += static_cast<int64_t>(bytes) - static_cast<int64_t>(slot->size);
-  slot->mem = static_cast<uint8_t *>(mem);
+  slot->mem = mem;
   slot->size = bytes;
   return true;
 }
@@ -624,14 +717,24 @@ bool copy_narrow(const Layout &from, const Layout &to, size_t bytes, uint32_t h)
   }
 }
 
-// Whole pixels of N bytes at any distance from one another on both sides:
-// a band of columns is gathered this way, each column one run of memory.
+// Whole pixels of N bytes at any distance from one another on both sides: a
+// band of columns is gathered this way, each column one run of memory, and
+// the rotations turn tiles this way. Rows go sixteen at a time, each column of
+// the block before the next: the sixteen source lines stay in the first-level
+// cache while every destination run gets a whole cache line at once, where a
+// row at a time would scatter single pixels over as many lines as columns.
 template <size_t N>
 void copy_pixels(const Layout &from, const Layout &to, uint32_t w, uint32_t h) {
-  for (uint32_t y = 0; y < h; ++y) {
-    const uint8_t *src = from.base + static_cast<ptrdiff_t>(y) * from.row;
-    uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
-    for (uint32_t x = 0; x < w; ++x, src += from.pixel, dst += to.pixel) std::memcpy(dst, src, N);
+  constexpr uint32_t kBlock = 16;
+  for (uint32_t y0 = 0; y0 < h; y0 += kBlock) {
+    const uint32_t rows = std::min(kBlock, h - y0);
+    const uint8_t *src_row = from.base + static_cast<ptrdiff_t>(y0) * from.row;
+    uint8_t *dst_row = to.base + static_cast<ptrdiff_t>(y0) * to.row;
+    for (uint32_t x = 0; x < w; ++x, src_row += from.pixel, dst_row += to.pixel) {
+      const uint8_t *src = src_row;
+      uint8_t *dst = dst_row;
+      for (uint32_t j = 0; j < rows; ++j, src += from.row, dst += to.row) std::memcpy(dst, src, N);
+    }
   }
 }
 

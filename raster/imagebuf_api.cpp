@@ -76,11 +76,12 @@ Layout column_layout(const Store &store, void *data) {
   return {row.base, row.pixel, row.pixel, row.channel};
 }
 
+constexpr size_t kColumnBandBytes = size_t{4} << 20;
+
 // Reading a column touches one cache line in every row of every tile down the
 // page; the band keeps the whole line's worth of columns, so the next columns
-// cost a copy from it instead of another walk through the tiles. (Gathering
-// the band column by column instead, so that each later column is one memcpy,
-// measured slower: the scattered stores cost more than the strided reads.)
+// cost a copy from it instead of another walk through the tiles. The band is
+// kept column by column, so that each later column is one run of memory.
 int32_t get_column(ZT_ImageBuf *buf, uint32_t x, void *data, const char *function) {
   Store &store = *buf->store;
   if (store_check_usable(store, function) != 0) return -1;
@@ -88,22 +89,31 @@ int32_t get_column(ZT_ImageBuf *buf, uint32_t x, void *data, const char *functio
   std::lock_guard<std::mutex> guard(buf->column_mutex);
   const uint64_t generation = store.generation.load(std::memory_order_acquire);
   const uint32_t bpp = store.bytes_per_pixel;
+  const size_t column_bytes = size_t{store.height} * bpp;
   if (buf->band_store != store.id || buf->band_generation != generation || x < buf->band_x ||
       x >= buf->band_x + buf->band_width) {
-    const uint32_t across = std::max<uint32_t>(1, 64 / bpp);
+    // Whole tiles across when the band's budget allows: each tile is then
+    // read once, while it is still in the cache after its read from swap.
+    const uint32_t across = static_cast<uint32_t>(std::max<size_t>(
+        std::max<uint32_t>(1, 64 / bpp), std::min<size_t>(kColumnBandBytes / column_bytes, store.tile_w)));
     buf->band_store = 0;
     buf->band_x = x / across * across;
     buf->band_width = std::min(across, store.width - buf->band_x);
-    buf->band.resize(size_t{buf->band_width} * store.height * bpp);
-    const Layout band{buf->band.data(), bpp, static_cast<ptrdiff_t>(buf->band_width) * bpp,
+    if (!buf->band.resize(buf->band_width * column_bytes)) {
+      ZT_LOG(kImageBufModule, function, "Out of memory for a band of %u columns", buf->band_width);
+      return -1;
+    }
+    const Layout band{buf->band.data(), static_cast<ptrdiff_t>(column_bytes), static_cast<ptrdiff_t>(bpp),
                       store.bytes_per_sample};
     if (store_access(store, buf->band_x, 0, buf->band_width, store.height, band, false, function) != 0) return -1;
     buf->band_store = store.id;
     buf->band_generation = generation;
   }
-  const Layout from{buf->band.data() + size_t{x - buf->band_x} * bpp, bpp,
-                    static_cast<ptrdiff_t>(buf->band_width) * bpp, store.bytes_per_sample};
-  copy_block(from, column_layout(store, data), 1, store.height, store.channels, store.bytes_per_sample);
+  // Whole pixels in the band; the caller's column is a row of `height` pixels
+  // interleaved as the store is (one memcpy when that is by pixel).
+  const Layout from{buf->band.data() + size_t{x - buf->band_x} * column_bytes, bpp, 0, store.bytes_per_sample};
+  copy_block(from, store.packed_layout(static_cast<uint8_t *>(data), store.height), store.height, 1,
+             store.channels, store.bytes_per_sample);
   return 0;
 }
 
@@ -340,19 +350,27 @@ ZT_API int32_t ZT_ImageBufReadScanlineFast(ZT_ImageBuf *buf, uint32_t y, void *d
     if (store_check_usable(store, fn) != 0) return -1;
     const Layout out = store.packed_layout(static_cast<uint8_t *>(data), store.width);
     const uint32_t line_in_tile = y - row * store.tile_h;
-    for (uint32_t tx = 0; tx < store.tiles_x; ++tx) {
-      const uint32_t left = tx * store.tile_w;
-      const uint32_t w = std::min(store.tile_w, store.width - left);
-      Layout part = out;
-      part.base = out.at(left, 0);
-      if (Slot *slot = buf->held[tx]) {
-        std::lock_guard<zt::SpinLock> tile_guard(store.lock);
-        copy_block(store.tile_layout(slot->mem, 0, line_in_tile), part, w, 1, store.channels,
-                   store.bytes_per_sample);
-      } else {
-        for (uint32_t c = 0; c < store.channels; ++c)
-          for (uint32_t x = 0; x < w; ++x)
-            std::memset(part.base + x * part.pixel + c * part.channel, 0, store.bytes_per_sample);
+    {
+      // One lock for the whole line: a lock per tile costs as much as its copy.
+      std::lock_guard<zt::SpinLock> tile_guard(store.lock);
+      const bool by_pixel = store.interleave == ZT_INTERLEAVE_BY_PIXEL;
+      const size_t tile_row_bytes = size_t{store.tile_w} * store.bytes_per_pixel;
+      for (uint32_t tx = 0; tx < store.tiles_x; ++tx) {
+        const uint32_t left = tx * store.tile_w;
+        const uint32_t w = std::min(store.tile_w, store.width - left);
+        Layout part = out;
+        part.base = out.at(left, 0);
+        Slot *slot = buf->held[tx];
+        if (slot != nullptr && by_pixel) {
+          std::memcpy(part.base, slot->mem + line_in_tile * tile_row_bytes, size_t{w} * store.bytes_per_pixel);
+        } else if (slot != nullptr) {
+          copy_block(store.tile_layout(slot->mem, 0, line_in_tile), part, w, 1, store.channels,
+                     store.bytes_per_sample);
+        } else {
+          for (uint32_t c = 0; c < store.channels; ++c)
+            for (uint32_t x = 0; x < w; ++x)
+              std::memset(part.base + x * part.pixel + c * part.channel, 0, store.bytes_per_sample);
+        }
       }
     }
     ++buf->next_line;

@@ -187,6 +187,27 @@ uint64_t cache_epoch();
 // Logs and returns -1 when the store is in its error state.
 int32_t store_check_usable(const Store &store, const char *function);
 
+// Memory that is walked across rather than along (tile slots, column bands):
+// 2 MiB-aligned and offered huge pages, so that a walk down a page costs no
+// TLB miss per row. Contents are undefined after resize.
+class LargeBuffer {
+ public:
+  LargeBuffer() = default;
+  ~LargeBuffer();
+  LargeBuffer(const LargeBuffer &) = delete;
+  LargeBuffer &operator=(const LargeBuffer &) = delete;
+  bool resize(size_t bytes);  // false when memory runs out (the old contents are gone)
+  uint8_t *data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  uint8_t *data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+uint8_t *large_alloc(size_t bytes);  // null when memory runs out
+void large_free(uint8_t *mem);
+
 // Copies a block of w x h pixels between two layouts.
 void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, uint32_t channels,
                 uint32_t bytes_per_sample);
@@ -207,14 +228,14 @@ struct ZT_ImageBuf {
   uint64_t held_epoch = 0;
   std::vector<zt::raster::Slot *> held;
 
-  // Column reading: a band of columns, a cache line of pixels wide, read from
-  // the tiles at once and kept while the store sees no write.
+  // Column reading: a band of columns read from the tiles at once, column by
+  // column, and kept while the store sees no write.
   std::mutex column_mutex;
   uint64_t band_store = 0;
   uint64_t band_generation = 0;
   uint32_t band_x = 0;
   uint32_t band_width = 0;
-  std::vector<uint8_t> band;
+  zt::raster::LargeBuffer band;
 };
 
 namespace zt::raster {
