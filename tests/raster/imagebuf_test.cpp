@@ -64,13 +64,11 @@ struct Page {
           std::memcpy(&out[offset(i, j, c, w, il)], &at(x + i, y + j, c), bits / 8);
     return out;
   }
-  void unpack(uint32_t x, uint32_t y, uint32_t w, uint32_t h, uint32_t il, const std::vector<uint8_t> &in) {
-    for (uint32_t j = 0; j < h; ++j)
-      for (uint32_t i = 0; i < w; ++i)
-        for (uint32_t c = 0; c < channels; ++c) {
-          at(x + i, y + j, c) = 0;
-          std::memcpy(&at(x + i, y + j, c), &in[offset(i, j, c, w, il)], bits / 8);
-        }
+  // Takes the samples of the rectangle from another page of the same shape.
+  void copy(const Page &from, uint32_t x, uint32_t y, uint32_t w, uint32_t h) {
+    for (uint32_t j = y; j < y + h; ++j)
+      for (uint32_t i = x; i < x + w; ++i)
+        for (uint32_t c = 0; c < channels; ++c) at(i, j, c) = from.at(i, j, c);
   }
   // Column x as a buffer passes it.
   std::vector<uint8_t> column(uint32_t x, uint32_t il) const {
@@ -431,12 +429,11 @@ TEST_P(ImageBufShapeTest, AccessRoundTripsThroughASmallCache) {
     std::vector<uint8_t> strided(size_t{stride} * h, 0xEE);
     for (uint32_t j = 0; j < h; ++j) std::memcpy(&strided[size_t{j} * stride], &bytes[size_t{j} * row], row);
     ASSERT_EQ(0, ZT_ImageBufPutRectangle(buf.get(), x, y, w, h, strided.data(), stride));
-    page.unpack(x, y, w, h, il(), bytes);
+    page.copy(patch, x, y, w, h);
   }
   for (uint32_t x : {0u, 36u, 37u, 610u}) {
     patch.randomise(rng);
-    for (uint32_t y = 0; y < page.height; ++y)
-      for (uint32_t c = 0; c < 3; ++c) page.at(x, y, c) = patch.at(x, y, c);
+    page.copy(patch, x, 0, 1, page.height);
     ASSERT_EQ(0, ZT_ImageBufPutColumn(buf.get(), x, page.column(x, il()).data()));
   }
   const uint16_t px16[3] = {0x1234, 0x5678, 0x9ABC};

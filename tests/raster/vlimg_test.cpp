@@ -181,12 +181,16 @@ bool read_page(VLIMG_File *f, Bytes *px) {
   return true;
 }
 
+struct Closer {
+  void operator()(VLIMG_File *f) const { VLIMG_Close(f); }
+};
+using File = std::unique_ptr<VLIMG_File, Closer>;
+
 // Reads `name`'s first page whole.
 Bytes read_file_page(const std::string &name) {
   Bytes px;
-  VLIMG_File *f = VLIMG_Open(name.c_str(), VLIMG_MODE_READ);
-  EXPECT_TRUE(f && read_page(f, &px));
-  VLIMG_Close(f);
+  File f(VLIMG_Open(name.c_str(), VLIMG_MODE_READ));
+  EXPECT_TRUE(f && read_page(f.get(), &px));
   return px;
 }
 
@@ -203,9 +207,9 @@ class Vlimg : public ::testing::Test {
     zt::test::write_file(path(name), std::string(b.begin(), b.end()));
   }
   // Opens hand-made bytes for reading; NULL when refused.
-  VLIMG_File *open_bytes(const Bytes &b) {
+  File open_bytes(const Bytes &b) {
     put(b, "hand.vlimg");
-    return VLIMG_Open(path("hand.vlimg").c_str(), VLIMG_MODE_READ);
+    return File(VLIMG_Open(path("hand.vlimg").c_str(), VLIMG_MODE_READ));
   }
 
   zt::test::LibraryScope library_;
@@ -285,8 +289,9 @@ TEST_F(Vlimg, HeaderValuesSurviveARoundTrip) {
   ASSERT_EQ(VLIMG_WriteScanline(f, line.data()), 0);
   ASSERT_EQ(VLIMG_Close(f), 0);
 
-  f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
-  ASSERT_NE(f, nullptr);
+  File file(VLIMG_Open(path().c_str(), VLIMG_MODE_READ));
+  ASSERT_TRUE(file);
+  f = file.get();
   auto get = [&]<typename T>(uint32_t tag, T value) {
     EXPECT_EQ(VLIMG_GetField(f, tag, &value), 0) << tag;
     return value;
@@ -315,7 +320,6 @@ TEST_F(Vlimg, HeaderValuesSurviveARoundTrip) {
     EXPECT_EQ(VLIMG_GetField(f, VLIMG_TAG_SOFTWARE, &text), -1);
     EXPECT_TRUE(capture.contains("Tag 17 is not set"));
   }
-  VLIMG_Close(f);
 }
 
 // Each header breaks one rule; the reader must refuse it with its message
@@ -365,9 +369,7 @@ TEST_F(Vlimg, HostileHeadersAreRefusedWithTheirMessage) {
   for (const auto &[message, hand] : cases) {
     SCOPED_TRACE(message);
     zt::test::LogCapture capture;
-    VLIMG_File *f = open_bytes(hand.b);
-    EXPECT_EQ(f, nullptr);
-    VLIMG_Close(f);
+    EXPECT_FALSE(open_bytes(hand.b));
     if (*message == '\0')
       EXPECT_EQ(capture.count(), 0u);
     else
@@ -381,12 +383,11 @@ TEST_F(Vlimg, UnknownItemsAreSkippedByTheirLength) {
   Hand h;
   h.start().head(99, 0, 0, 0).item32(1, 2).head(4, 3, 1, 3).raw({9, 9, 9}).item32(2, 1).head(12, 0, 0, 0);
   h.item16(3, 1).head(13, 1, 0, 0).u8(1).item16(5, 1).head(18, 0, 0, 0).end().raw({5, 6});
-  VLIMG_File *f = open_bytes(h.b);
-  ASSERT_NE(f, nullptr);
+  File f = open_bytes(h.b);
+  ASSERT_TRUE(f);
   Bytes line(2);
-  EXPECT_EQ(VLIMG_ReadScanline(f, line.data()), 0);
+  EXPECT_EQ(VLIMG_ReadScanline(f.get(), line.data()), 0);
   EXPECT_EQ(line, (Bytes{5, 6}));
-  VLIMG_Close(f);
 }
 
 TEST_F(Vlimg, DamagedDataFailsTheLineOrTileNotTheProcess) {
@@ -403,15 +404,14 @@ TEST_F(Vlimg, DamagedDataFailsTheLineOrTileNotTheProcess) {
   };
   for (const auto &[hand, message] : lines) {
     SCOPED_TRACE(message);
-    VLIMG_File *f = open_bytes(hand.b);
-    ASSERT_NE(f, nullptr);
+    File f = open_bytes(hand.b);
+    ASSERT_TRUE(f);
     Bytes line(4);
     zt::test::LogCapture capture;
-    int32_t r = VLIMG_ReadScanline(f, line.data());
-    if (r == 0) r = VLIMG_ReadScanline(f, line.data());
+    int32_t r = VLIMG_ReadScanline(f.get(), line.data());
+    if (r == 0) r = VLIMG_ReadScanline(f.get(), line.data());
     EXPECT_EQ(r, -1);
     EXPECT_TRUE(capture.contains(message));
-    VLIMG_Close(f);
   }
 }
 
@@ -423,11 +423,10 @@ TEST_F(Vlimg, AnnouncedSizesCostNothingUntilDataIsRead) {
   h.raw(Bytes(2048 - h.b.size(), 0));
   put(h.b, "big.vlimg");
   const size_t before = mallinfo2().uordblks;
-  VLIMG_File *f = VLIMG_Open(path("big.vlimg").c_str(), VLIMG_MODE_READ);
-  ASSERT_NE(f, nullptr);
+  File f(VLIMG_Open(path("big.vlimg").c_str(), VLIMG_MODE_READ));
+  ASSERT_TRUE(f);
   EXPECT_LT(mallinfo2().uordblks - before, size_t{8} << 20);
-  EXPECT_EQ(VLIMG_BytesPerLine(f), 400000u);
-  VLIMG_Close(f);
+  EXPECT_EQ(VLIMG_BytesPerLine(f.get()), 400000u);
 }
 
 // ---- Round trips ----------------------------------------------------------------
@@ -484,13 +483,14 @@ TEST_F(Vlimg, ScanlineBuffersByPixelAndByLine) {
   PageLayout p{.width = 9, .height = 2, .type = 2, .planes = 3, .bpp = {16, 16, 16}, .compression = 7};
   const Bytes px = make_pixels(p, 3);
   ASSERT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), 0);
-  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
-  ASSERT_NE(f, nullptr);
-  ScanlineBuf *by_pixel = scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 16, 3, 0, 9, 1, 0);
-  ScanlineBuf *by_line = scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 16, 3, 0, 9, 1, 0);
-  ASSERT_EQ(VLIMG_ReadScanlineSB(f, by_pixel), 0);
+  File f(VLIMG_Open(path().c_str(), VLIMG_MODE_READ));
+  ASSERT_TRUE(f);
+  using Sb = std::unique_ptr<ScanlineBuf, decltype([](ScanlineBuf *b) { scanlinebufFree(b); })>;
+  Sb by_pixel(scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 16, 3, 0, 9, 1, 0));
+  Sb by_line(scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, 16, 3, 0, 9, 1, 0));
+  ASSERT_EQ(VLIMG_ReadScanlineSB(f.get(), by_pixel.get()), 0);
   EXPECT_EQ(std::memcmp(by_pixel->data, px.data(), 54), 0);
-  ASSERT_EQ(VLIMG_ReadScanlineSB(f, by_line), 0);
+  ASSERT_EQ(VLIMG_ReadScanlineSB(f.get(), by_line.get()), 0);
   for (uint32_t c = 0; c < 3; ++c)
     for (uint32_t x = 0; x < 9; ++x)
       EXPECT_EQ(std::memcmp(by_line->data + c * by_line->bytesPerPlaneRow + x * 2,
@@ -499,19 +499,13 @@ TEST_F(Vlimg, ScanlineBuffersByPixelAndByLine) {
   // Back through the writer from the by-line buffer gives the same line.
   p.height = 1;
   VLIMG_File *w = open_writer(path("copy.vlimg"), VLIMG_MODE_CREATE, p);
-  EXPECT_EQ(VLIMG_WriteScanlineSB(w, by_line), 0);
+  EXPECT_EQ(VLIMG_WriteScanlineSB(w, by_line.get()), 0);
   EXPECT_EQ(VLIMG_Close(w), 0);
   EXPECT_EQ(read_file_page(path("copy.vlimg")), Bytes(px.begin() + 54, px.end()));
-  {
-    zt::test::LogCapture capture;
-    ScanlineBuf *wrong = scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 8, 3, 0, 9, 1, 0);
-    EXPECT_EQ(VLIMG_ReadScanlineSB(f, wrong), -1);
-    EXPECT_TRUE(capture.contains("does not match"));
-    scanlinebufFree(wrong);
-  }
-  scanlinebufFree(by_pixel);
-  scanlinebufFree(by_line);
-  VLIMG_Close(f);
+  zt::test::LogCapture capture;
+  Sb wrong(scanlinebufAlloc(ZT_INTERLEAVE_BY_PIXEL, 8, 3, 0, 9, 1, 0));
+  EXPECT_EQ(VLIMG_ReadScanlineSB(f.get(), wrong.get()), -1);
+  EXPECT_TRUE(capture.contains("does not match"));
 }
 
 // ---- Writer rules -------------------------------------------------------------------
@@ -582,35 +576,33 @@ TEST_F(Vlimg, AppendedPagesAreFoundByNumber) {
     pages.push_back(make_pixels(p, i));
     ASSERT_EQ(write_page(path(), i == 0 ? VLIMG_MODE_CREATE : VLIMG_MODE_APPEND, p, pages.back()), 0);
   }
-  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
-  ASSERT_NE(f, nullptr);
+  File f(VLIMG_Open(path().c_str(), VLIMG_MODE_READ));
+  ASSERT_TRUE(f);
   for (uint32_t i : {3u, 0u, 2u, 1u}) {
     SCOPED_TRACE(i);
-    ASSERT_EQ(VLIMG_SeekToPage(f, i), 0);
+    ASSERT_EQ(VLIMG_SeekToPage(f.get(), i), 0);
     Bytes back;
-    EXPECT_TRUE(read_page(f, &back));
+    EXPECT_TRUE(read_page(f.get(), &back));
     EXPECT_EQ(back, pages[i]);
     // Going back to the start of the data reads the page again.
-    if (!VLIMG_IsTiled(f)) {
-      ASSERT_EQ(VLIMG_GoToStartOfData(f), 0);
-      EXPECT_TRUE(read_page(f, &back));
+    if (!VLIMG_IsTiled(f.get())) {
+      ASSERT_EQ(VLIMG_GoToStartOfData(f.get()), 0);
+      EXPECT_TRUE(read_page(f.get(), &back));
       EXPECT_EQ(back, pages[i]);
     }
   }
   {
     zt::test::LogCapture capture;
-    EXPECT_EQ(VLIMG_SeekToPage(f, 4), -1);
+    EXPECT_EQ(VLIMG_SeekToPage(f.get(), 4), -1);
     EXPECT_TRUE(capture.contains("Cannot find page 4: the file has 4"));
     EXPECT_EQ(VLIMG_OpenAtPage(path().c_str(), 4), nullptr);
     EXPECT_TRUE(capture.contains("Cannot open " + path() + " at page 4"));
   }
-  VLIMG_Close(f);
-  VLIMG_File *at = VLIMG_OpenAtPage(path().c_str(), 2);
-  ASSERT_NE(at, nullptr);
+  File at(VLIMG_OpenAtPage(path().c_str(), 2));
+  ASSERT_TRUE(at);
   uint32_t width = 0;
-  VLIMG_GetField(at, VLIMG_TAG_WIDTH, &width);
+  VLIMG_GetField(at.get(), VLIMG_TAG_WIDTH, &width);
   EXPECT_EQ(width, 24u);
-  VLIMG_Close(at);
 }
 
 TEST_F(Vlimg, LoopingChainIsRefused) {
@@ -620,12 +612,11 @@ TEST_F(Vlimg, LoopingChainIsRefused) {
   all.prologue().version().item32(31, 1).next(second).grey(1, 1).end().u8(7);
   all.prologue().version().next(second).grey(1, 1).end().u8(8);
   put(all.b);
-  VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
-  ASSERT_NE(f, nullptr);
+  File f(VLIMG_Open(path().c_str(), VLIMG_MODE_READ));
+  ASSERT_TRUE(f);
   zt::test::LogCapture capture;
-  EXPECT_EQ(VLIMG_SeekToPage(f, 5), -1);
+  EXPECT_EQ(VLIMG_SeekToPage(f.get(), 5), -1);
   EXPECT_TRUE(capture.contains("loops back"));
-  VLIMG_Close(f);
   EXPECT_EQ(VLIMG_Open(path().c_str(), VLIMG_MODE_APPEND), nullptr);
   EXPECT_TRUE(capture.contains("loops back"));
 }
@@ -646,13 +637,12 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
     for (uint32_t y = 0; y < 17; ++y)
       copy_bits(want.data() + y * line, 0, px.data() + (y + 5) * line_of(p, p.width), 3 * bits_of(p),
                 29 * bits_of(p));
-    VLIMG_File *f = VLIMG_Open(path("crop.vlimg").c_str(), VLIMG_MODE_READ);
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(VLIMG_IsTiled(f), p.tile_w ? 1 : 0);
+    File f(VLIMG_Open(path("crop.vlimg").c_str(), VLIMG_MODE_READ));
+    ASSERT_TRUE(f);
+    EXPECT_EQ(VLIMG_IsTiled(f.get()), p.tile_w ? 1 : 0);
     Bytes back;
-    EXPECT_TRUE(read_page(f, &back));
+    EXPECT_TRUE(read_page(f.get(), &back));
     EXPECT_EQ(back, want);
-    VLIMG_Close(f);
   }
   zt::test::LogCapture capture;
   EXPECT_EQ(VLIMG_CropFileToFile(path("src.vlimg").c_str(), path("bad.vlimg").c_str(), 0, 30, 0, 8, 1), -1);
@@ -779,11 +769,10 @@ TEST_F(Vlimg, ShortWriteFailsAndLeavesNoPageInTheChain) {
     EXPECT_EQ(r, -1);
     EXPECT_TRUE(capture.contains("Failed to write to disk"));
     // The first page still ends the chain: the broken one is unreachable.
-    VLIMG_File *f = VLIMG_Open(path().c_str(), VLIMG_MODE_READ);
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(VLIMG_SeekToPage(f, 1), -1);
-    EXPECT_EQ(VLIMG_SeekToPage(f, 0), 0);
-    VLIMG_Close(f);
+    File f(VLIMG_Open(path().c_str(), VLIMG_MODE_READ));
+    ASSERT_TRUE(f);
+    EXPECT_EQ(VLIMG_SeekToPage(f.get(), 1), -1);
+    EXPECT_EQ(VLIMG_SeekToPage(f.get(), 0), 0);
   }
   // New file, scanlines: the failure reaches the writer of the lines.
   zt::test::LogCapture capture;
