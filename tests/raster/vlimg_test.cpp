@@ -301,6 +301,8 @@ TEST_F(Vlimg, HeaderValuesSurviveARoundTrip) {
   EXPECT_EQ(get(VLIMG_TAG_RESOLUTIONUNIT, 0u), 2u);
   EXPECT_EQ(get(VLIMG_TAG_ORIENTATION, 0u), 1u);  // the default
   EXPECT_EQ(get(VLIMG_TAG_NEWFILE, 0u), 1u);
+  EXPECT_EQ(get(VLIMG_TAG_PAGENUMBER, 0u), 9u);
+  EXPECT_STREQ(get(VLIMG_TAG_DESCRIPTION, static_cast<const char *>(nullptr)), "proof of page 9");
   EXPECT_EQ(get(VLIMG_TAG_COLOURSPACE_F64, 0.0), 77.0);
   EXPECT_EQ(get(VLIMG_TAG_VERSION, 0.0), 6.0);
   EXPECT_EQ(get(VLIMG_TAG_XRESOLUTION, 0.0f), xres);
