@@ -302,6 +302,7 @@ TEST_F(Vlimg, HeaderValuesSurviveARoundTrip) {
   EXPECT_EQ(get(VLIMG_TAG_ORIENTATION, 0u), 1u);  // the default
   EXPECT_EQ(get(VLIMG_TAG_NEWFILE, 0u), 1u);
   EXPECT_EQ(get(VLIMG_TAG_PAGENUMBER, 0u), 9u);
+  EXPECT_EQ(get(VLIMG_TAG_NEXTPAGE, uint64_t{1}), 0u);  // a single page ends the chain
   EXPECT_STREQ(get(VLIMG_TAG_DESCRIPTION, static_cast<const char *>(nullptr)), "proof of page 9");
   EXPECT_EQ(get(VLIMG_TAG_COLOURSPACE_F64, 0.0), 77.0);
   EXPECT_EQ(get(VLIMG_TAG_VERSION, 0.0), 6.0);
