@@ -18,7 +18,8 @@ class Group4 : public zt::test::CodecTest {};
 
 // A 1-bit page, rows packed most significant bit first, set = black.
 struct Page {
-  uint32_t width = 0, height = 0;
+  Page(uint32_t w, uint32_t h) : width(w), height(h), bits(stride() * h, 0) {}
+  uint32_t width, height;
   Bytes bits;
   size_t stride() const { return (width + 7) / 8; }
   void set(uint32_t x, uint32_t y) { bits[y * stride() + x / 8] |= static_cast<uint8_t>(0x80 >> (x % 8)); }
@@ -27,19 +28,11 @@ struct Page {
   }
 };
 
-Page blank(uint32_t width, uint32_t height) {
-  Page p;
-  p.width = width;
-  p.height = height;
-  p.bits.assign(p.stride() * height, 0);
-  return p;
-}
-
 // Rows that bring every mode into play: white, black, noise, random runs,
 // the same runs shifted by 1 and by 5 pixels (vertical and horizontal modes),
 // some of them dropped (pass mode), long runs, and one black run.
 Page mixed_page(uint32_t width, uint32_t seed) {
-  Page p = blank(width, 9);
+  Page p(width, 9);
   std::mt19937 rng(seed);
   p.fill(0, width, 1);
   for (uint32_t x = 0; x < width; ++x)
@@ -116,7 +109,7 @@ TEST_F(Group4, RoundTripsPagesAndPieces) {
 
 // The stream fed in pieces of 1, 7 and 4,096 bytes gives the same rows.
 TEST_F(Group4, StreamingDecoderIsSplitIndependent) {
-  Page p = blank(1728, 117);
+  Page p(1728, 117);
   for (uint32_t block = 0; block < 13; ++block) {
     const Page m = mixed_page(1728, block + 3);
     std::copy(m.bits.begin(), m.bits.end(), p.bits.begin() + static_cast<ptrdiff_t>(block * m.bits.size()));
@@ -205,19 +198,14 @@ TEST_F(Group4, DecoderRefusesBadStreams) {
 }
 
 #ifdef ZT_HAVE_TIFF
-zt::test::TiffImage g4_image(uint32_t width, uint32_t height) {
-  zt::test::TiffImage img;
-  img.width = width;
-  img.height = height;
-  img.bits = 1;
-  img.compression = COMPRESSION_CCITTFAX4;
-  return img;
-}
-
 // libtiff decodes our stream to the page, its own stream of the page is ours
 // bit for bit, and we decode it to the page.
 void expect_agreement(const Page &p) {
-  const auto img = g4_image(p.width, p.height);
+  zt::test::TiffImage img;
+  img.width = p.width;
+  img.height = p.height;
+  img.bits = 1;
+  img.compression = COMPRESSION_CCITTFAX4;
   const Bytes ours = encode(p);
   auto wrapped = zt::test::tiff_from_raw_strip(img, ours);
   EXPECT_EQ(zt::test::tiff_decode(wrapped, img), p.bits);
@@ -242,7 +230,7 @@ TEST_F(Group4, AgreesWithLibtiffAtEveryWidthTo4097) {
 TEST_F(Group4, AgreesWithLibtiffOnEveryRunCode) {
   TIFFSetWarningHandler(nullptr);
   const uint32_t width = 5200;
-  Page p = blank(width, 2 * 82);
+  Page p(width, 2 * 82);
   for (uint32_t k = 0; k < 82; ++k) {
     const uint32_t run = std::min(width, 64 * k + (k * 37) % 64);
     p.fill(run, width, 2 * k);          // white run, then black

@@ -19,20 +19,17 @@ namespace zt::test {
 using CodecTest = LibraryTest;
 
 enum class Kind { kFlat, kRandom, kGradient, kScreened };
-
+constexpr Kind kKinds[] = {Kind::kFlat, Kind::kRandom, Kind::kGradient, Kind::kScreened};
 inline const char *kind_name(Kind kind) {
-  switch (kind) {
-    case Kind::kFlat:
-      return "flat";
-    case Kind::kRandom:
-      return "random";
-    case Kind::kGradient:
-      return "gradient";
-    case Kind::kScreened:
-      return "screened";
-  }
-  return "?";
+  static const char *const names[] = {"flat", "random", "gradient", "screened"};
+  return names[static_cast<int>(kind)];
 }
+
+// Frees a library object through its own release function.
+template <auto Release>
+struct Freer {
+  void operator()(auto *object) const { Release(object); }
+};
 
 inline std::vector<uint8_t> make_block(Kind kind, size_t n, uint32_t seed = 1) {
   std::vector<uint8_t> v(n);

@@ -41,14 +41,8 @@ constexpr uint32_t kCodecs[] = {ZT_COMPRESS_LZ4, ZT_COMPRESS_PACKBITS, ZT_COMPRE
 constexpr uint32_t kAllCodecs =
     ZT_COMPRESS_LZ4 | ZT_COMPRESS_PACKBITS | ZT_COMPRESS_LZJB | ZT_COMPRESS_LZW | ZT_COMPRESS_DEFLATE;
 
-struct CompressorFree {
-  void operator()(ZT_Compressor *c) const { ZT_CompressFree(c); }
-};
-struct DecompressorFree {
-  void operator()(ZT_Decompressor *d) const { ZT_DecompressFree(d); }
-};
-using Compressor = std::unique_ptr<ZT_Compressor, CompressorFree>;
-using Decompressor = std::unique_ptr<ZT_Decompressor, DecompressorFree>;
+using Compressor = std::unique_ptr<ZT_Compressor, zt::test::Freer<ZT_CompressFree>>;
+using Decompressor = std::unique_ptr<ZT_Decompressor, zt::test::Freer<ZT_DecompressFree>>;
 
 class Compress : public zt::test::CodecTest {};
 
@@ -97,14 +91,14 @@ TEST_F(Compress, EmptyAndIncompressibleBlocksAreStoredRaw) {
 // samples (odd lengths included) and with the small scratch buffer: the block
 // flags name the codec and the block decodes.
 TEST_F(Compress, EveryCodecRoundTrips) {
-  for (uint32_t codec : kCodecs) {
-    for (uint32_t extra : {0u, ZT_COMPRESS_DELTA, ZT_COMPRESS_SCRATCH}) {
+  for (uint32_t codec : kCodecs)
+    for (uint32_t extra : {0u, ZT_COMPRESS_DELTA, ZT_COMPRESS_SCRATCH})
       for (uint32_t bits : {8u, 16u}) {
         Compressor c(ZT_CompressInit(ZT_COMPRESS_ON | codec | extra, bits));
         Decompressor d(ZT_DecompressInit(ZT_COMPRESS_ON | codec, bits));
         ASSERT_NE(c, nullptr);
         ASSERT_NE(d, nullptr);
-        for (Kind kind : {Kind::kFlat, Kind::kGradient, Kind::kScreened}) {
+        for (Kind kind : {Kind::kFlat, Kind::kGradient, Kind::kScreened})
           for (size_t n : {size_t{9}, size_t{1001}, size_t{65537}, size_t{1} << 18}) {
             SCOPED_TRACE(testing::Message() << "codec " << codec << " extra " << extra << " bits " << bits
                                             << " " << zt::test::kind_name(kind) << " " << n);
@@ -122,10 +116,7 @@ TEST_F(Compress, EveryCodecRoundTrips) {
             EXPECT_EQ(b.flags, codec | ZT_COMPRESS_ON | delta);
             EXPECT_EQ(decompress(d.get(), b.data, b.flags, n), in);
           }
-        }
       }
-    }
-  }
 }
 
 // With every codec on, the result is the smallest single-codec result, and
@@ -133,7 +124,7 @@ TEST_F(Compress, EveryCodecRoundTrips) {
 TEST_F(Compress, AllCodecsKeepTheSmallest) {
   Compressor all(ZT_CompressInit(ZT_COMPRESS_ON | kAllCodecs, 8));
   Decompressor d(ZT_DecompressInit(ZT_COMPRESS_ON | kAllCodecs, 8));
-  for (Kind kind : {Kind::kFlat, Kind::kGradient, Kind::kScreened}) {
+  for (Kind kind : {Kind::kFlat, Kind::kGradient, Kind::kScreened})
     for (size_t n : {size_t{40}, size_t{3000}, size_t{300000}}) {
       SCOPED_TRACE(testing::Message() << zt::test::kind_name(kind) << " " << n);
       const Bytes in = zt::test::make_block(kind, n);
@@ -150,11 +141,9 @@ TEST_F(Compress, AllCodecsKeepTheSmallest) {
       const Block b = compress(all.get(), in);
       EXPECT_EQ(b.size, winner ? best : 0u);
       EXPECT_EQ(b.flags, winner ? (winner | ZT_COMPRESS_ON) : 0u);
-      if (winner) {
-        EXPECT_EQ(decompress(d.get(), b.data, b.flags, n), in);
-      }
+      if (!winner) continue;
+      EXPECT_EQ(decompress(d.get(), b.data, b.flags, n), in);
     }
-  }
 }
 
 // A destination shorter than the input takes only results that fit it.
@@ -169,9 +158,8 @@ TEST_F(Compress, HonoursASmallDestination) {
     const uint32_t size = ZT_Compress(c.get(), in.data(), dst.data(), 100000, room, &flags);
     EXPECT_TRUE(dst.intact()) << room;
     EXPECT_LE(size, room);
-    if (room == full.size) {
-      EXPECT_EQ(size, full.size);
-    }
+    if (room != full.size) continue;
+    EXPECT_EQ(size, full.size);
   }
 }
 
@@ -200,13 +188,8 @@ TEST_F(Compress, VlimgCompressionTypesPickTheirCodec) {
   struct Case {
     uint32_t type, codec;
   };
-  const Case cases[] = {{1, 0},
-                        {5, ZT_COMPRESS_LZW},
-                        {7, ZT_COMPRESS_DEFLATE},
-                        {8, ZT_COMPRESS_PACKBITS},
-                        {10, 0},
-                        {11, ZT_COMPRESS_LZJB},
-                        {13, ZT_COMPRESS_LZ4}};
+  const Case cases[] = {{1, 0},  {5, ZT_COMPRESS_LZW},   {7, ZT_COMPRESS_DEFLATE}, {8, ZT_COMPRESS_PACKBITS},
+                        {10, 0}, {11, ZT_COMPRESS_LZJB}, {13, ZT_COMPRESS_LZ4}};
   const Bytes in = zt::test::make_block(Kind::kGradient, 30000);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.type);

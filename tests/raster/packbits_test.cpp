@@ -91,7 +91,7 @@ void expect_no_128(const Bytes &stream) {
 }
 
 TEST_F(PackBits, RoundTripsEveryKindAndLength) {
-  for (Kind kind : {Kind::kFlat, Kind::kRandom, Kind::kGradient, Kind::kScreened}) {
+  for (Kind kind : zt::test::kKinds) {
     for (size_t n : {size_t{0}, size_t{1}, size_t{2}, size_t{3}, size_t{127}, size_t{129}, size_t{1000},
                      size_t{4097}, size_t{65539}, size_t{1} << 20}) {
       SCOPED_TRACE(std::string(zt::test::kind_name(kind)) + " " + std::to_string(n));
@@ -157,7 +157,7 @@ TEST_F(PackBits, AgreesWithLibtiff) {
   img.width = 1000;
   img.height = 64;
   img.compression = COMPRESSION_PACKBITS;
-  for (Kind kind : {Kind::kFlat, Kind::kRandom, Kind::kGradient, Kind::kScreened}) {
+  for (Kind kind : zt::test::kKinds) {
     SCOPED_TRACE(zt::test::kind_name(kind));
     const Bytes pixels = zt::test::make_block(kind, 64000);
     auto ours = zt::test::tiff_from_raw_strip(img, encode(pixels));

@@ -19,12 +19,6 @@ TEST(ZtRectTest, InitWidthAndFix) {
   EXPECT_EQ(r.right, 10);
   EXPECT_EQ(ztrectWidth(nullptr), 0);
   EXPECT_EQ(ztrectFix(nullptr), nullptr);
-  ZT_Rect *a = ztrectAllocateAndInit(1, 2, 3, 4);
-  ASSERT_NE(a, nullptr);
-  ZT_Rect c;
-  EXPECT_EQ(ztrectcpy(&c, a), &c);
-  EXPECT_EQ(c.bottom, 6);
-  std::free(a);
 }
 
 TEST(ZtRectTest, IntersectionTouchingDisjointAndInverted) {
