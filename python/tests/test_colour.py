@@ -8,7 +8,7 @@ import numpy as np
 import pytest
 
 import ztlib
-from conftest import ptr
+from conftest import bind, ptr
 
 D = ctypes.c_double
 P = ctypes.POINTER(D)
@@ -119,21 +119,17 @@ def test_colour_errors(call, exc, match):
 def c_interpolate(libzt, table, pixels, scheme):
     inputs = table.ndim - 1
     n, m = table.shape[0], table.shape[-1]
-    init = libzt.TableInterpolatorInit_ushort if pixels.dtype == np.uint16 else libzt.TableInterpolatorInit_uchar
-    init.restype = ctypes.c_void_p
-    init.argtypes = [ctypes.c_uint32] * 3 + [ctypes.POINTER(ctypes.c_float), ctypes.c_int32, ctypes.c_int32,
-                                              ctypes.c_char_p]
-    libzt.TableInterpolatorConvertRect.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_uint32,
-                                                   ctypes.c_void_p, ctypes.c_uint32] + [ctypes.c_uint32] * 3
-    libzt.TableInterpolatorDestroy.argtypes = [ctypes.c_void_p]
+    u32, vp = ctypes.c_uint32, ctypes.c_void_p
+    init = bind(libzt, "TableInterpolatorInit_" + ("ushort" if pixels.dtype == np.uint16 else "uchar"), vp,
+                u32, u32, u32, ctypes.POINTER(ctypes.c_float), ctypes.c_int32, ctypes.c_int32, ctypes.c_char_p)
+    convert = bind(libzt, "TableInterpolatorConvertRect", ctypes.c_int32, vp, vp, u32, vp, u32, u32, u32, u32)
     t = init(inputs, n, m, ptr(table, ctypes.c_float), scheme, 1, None)
     assert t
     flat = np.ascontiguousarray(pixels.reshape(-1, inputs))
     out = np.zeros((flat.shape[0], m), pixels.dtype)
-    one_line = flat.shape[0]
-    for i in range(one_line):  # pixel by pixel: a different split of the work
-        assert libzt.TableInterpolatorConvertRect(t, flat[i].ctypes.data, 8, out[i].ctypes.data, 8 * m, 1, 1, 0) == 0
-    libzt.TableInterpolatorDestroy(t)
+    for i in range(flat.shape[0]):  # pixel by pixel: a different split of the work
+        assert convert(t, flat[i].ctypes.data, 8, out[i].ctypes.data, 8 * m, 1, 1, 0) == 0
+    bind(libzt, "TableInterpolatorDestroy", None, vp)(t)
     return out.reshape(pixels.shape[:-1] + (m,))
 
 
@@ -176,16 +172,12 @@ def test_tetrahedral_agrees_with_little_cms(rng, outputs):
     # Little CMS evaluates a 16-bit three-input CLUT tetrahedrally, in fixed
     # point. A smooth table with noise, in whole numbers so both hold the same
     # grid; on white noise its 16-bit fractions stray 2 codes now and then.
-    lcms = little_cms()
-    lcms.cmsStageAllocCLut16bit.restype = ctypes.c_void_p
-    lcms.cmsStageAllocCLut16bit.argtypes = [ctypes.c_void_p, ctypes.c_uint32, ctypes.c_uint32, ctypes.c_uint32,
-                                            ctypes.POINTER(ctypes.c_uint16)]
-    lcms.cmsPipelineAlloc.restype = ctypes.c_void_p
-    lcms.cmsPipelineAlloc.argtypes = [ctypes.c_void_p, ctypes.c_uint32, ctypes.c_uint32]
-    lcms.cmsPipelineInsertStage.argtypes = [ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p]
-    lcms.cmsPipelineEval16.argtypes = [ctypes.POINTER(ctypes.c_uint16), ctypes.POINTER(ctypes.c_uint16),
-                                       ctypes.c_void_p]
-    lcms.cmsPipelineFree.argtypes = [ctypes.c_void_p]
+    lcms, u32, vp, p16 = little_cms(), ctypes.c_uint32, ctypes.c_void_p, ctypes.POINTER(ctypes.c_uint16)
+    bind(lcms, "cmsStageAllocCLut16bit", vp, vp, u32, u32, u32, p16)
+    bind(lcms, "cmsPipelineAlloc", vp, vp, u32, u32)
+    bind(lcms, "cmsPipelineInsertStage", ctypes.c_int, vp, ctypes.c_int, vp)
+    bind(lcms, "cmsPipelineEval16", None, p16, p16, vp)
+    bind(lcms, "cmsPipelineFree", None, vp)
     axis = np.linspace(0, 1, 17)
     x = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
     k = rng.uniform(-3, 3, (3, outputs))

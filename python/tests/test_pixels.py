@@ -8,7 +8,7 @@ import numpy as np
 import pytest
 
 import ztlib
-from conftest import ptr
+from conftest import bind
 
 
 # ---- Resampling --------------------------------------------------------------
@@ -32,12 +32,11 @@ def c_resample(libzt, image, ow, oh, filter_id):
         return 0
 
     cb = ReadFn(read)
-    libzt.resampleInitUsingFilter.restype = ctypes.c_void_p
-    libzt.resampleInitUsingFilter.argtypes = [ctypes.c_uint32] * 8 + [ReadFn, ctypes.c_void_p, ctypes.c_void_p,
-                                                                      ctypes.c_void_p, ctypes.c_uint32]
+    vp, u32 = ctypes.c_void_p, ctypes.c_uint32
+    bind(libzt, "resampleInitUsingFilter", vp, *[u32] * 8, ReadFn, vp, vp, vp, u32)
     libzt.scanlinebufAlloc.restype = ctypes.POINTER(ScanlineHead)
-    libzt.resampleGetNextScanline.argtypes = [ctypes.c_void_p, ctypes.POINTER(ScanlineHead)]
-    libzt.resampleFree.argtypes = [ctypes.c_void_p]
+    bind(libzt, "resampleGetNextScanline", ctypes.c_int32, vp, ctypes.POINTER(ScanlineHead))
+    bind(libzt, "resampleFree", None, vp)
     ctx = libzt.resampleInitUsingFilter(0, w, h, ow, oh, 1, 8, 8, cb, None, None, None, filter_id)
     assert ctx
     line = libzt.scanlinebufAlloc(1, 8, 1, 0, ow, 1, 0)

@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 
 import ztlib
-from conftest import ptr
+from conftest import bind, ptr
 
 
 class Settings(ctypes.Structure):
@@ -33,9 +33,8 @@ class ObjectHead(ctypes.Structure):
 
 def c_screen(libzt, image, mode, levels=2, lpi=0.0, angle=0.0):
     """Screens `image` row by row through the C object: planes as ztlib gives them."""
-    libzt.CreateScreeningObject.restype = ctypes.c_void_p
-    libzt.CreateScreeningObject.argtypes = [ctypes.POINTER(Settings), ctypes.c_uint32, ctypes.c_uint32]
-    libzt.DestroyScreeningObject.argtypes = [ctypes.c_void_p]
+    bind(libzt, "CreateScreeningObject", ctypes.c_void_p, ctypes.POINTER(Settings), ctypes.c_uint32, ctypes.c_uint32)
+    bind(libzt, "DestroyScreeningObject", None, ctypes.c_void_p)
     bits = max(1, int(np.ceil(np.log2(levels))))
     s = Settings(mode=mode, levels=levels, outputBits=bits, linesPerInch=lpi, angle=angle)
     h, w = image.shape
@@ -58,18 +57,13 @@ def c_screen(libzt, image, mode, levels=2, lpi=0.0, angle=0.0):
 RAMP = np.tile(np.linspace(0, 255, 203).astype(np.uint8), (37, 1))
 
 
-@pytest.fixture(scope="module")
-def ramp():
-    return RAMP
-
-
 @pytest.mark.parametrize("mode,levels,lpi,angle", [
     (1, 2, 60.0, 15.0), (8, 2, 85.0, 45.0), (2, 2, 0.0, 0.0), (9, 2, 0.0, 0.0), (11, 2, 0.0, 0.0),
     (11, 4, 0.0, 0.0), (2, 3, 0.0, 0.0), (1, 4, 50.0, 30.0),
 ])
-def test_threshold_modes_match_the_c_object(libzt, ramp, mode, levels, lpi, angle):
-    ours = ztlib.screen(ramp, mode=mode, levels=levels, lpi=lpi, angle=angle)
-    assert np.array_equal(ours, c_screen(libzt, ramp, mode, levels, lpi, angle))
+def test_threshold_modes_match_the_c_object(libzt, mode, levels, lpi, angle):
+    ours = ztlib.screen(RAMP, mode=mode, levels=levels, lpi=lpi, angle=angle)
+    assert np.array_equal(ours, c_screen(libzt, RAMP, mode, levels, lpi, angle))
 
 
 @pytest.mark.parametrize("mode", [3, 10])
@@ -92,26 +86,26 @@ def test_multilevel_codes_and_sixteen_bit_input():
     assert np.array_equal(ztlib.screen(image16, mode=11, levels=4).shape, (2, 64, 13))
 
 
-def test_screen_object_rows_continue_and_views_need_no_copy(ramp):
-    whole = ztlib.screen(ramp, mode=1, lpi=60, angle=15)
-    with ztlib.Screen(ramp.shape[1], mode=1, lpi=60, angle=15) as s:
+def test_screen_object_rows_continue_and_views_need_no_copy():
+    whole = ztlib.screen(RAMP, mode=1, lpi=60, angle=15)
+    with ztlib.Screen(RAMP.shape[1], mode=1, lpi=60, angle=15) as s:
         assert s.effective_lpi > 0 and s.cell[0] > 0 and s.matrix.shape == s.cell[::-1]
-        parts = [s.screen(ramp[:10]), s.screen(ramp[10:11]), s.screen(ramp[11:])]
-        assert s.next_row == ramp.shape[0]
-        single = s.screen(ramp[5], y=5)
+        parts = [s.screen(RAMP[:10]), s.screen(RAMP[10:11]), s.screen(RAMP[11:])]
+        assert s.next_row == RAMP.shape[0]
+        single = s.screen(RAMP[5], y=5)
     assert np.array_equal(np.concatenate(parts, axis=1), whole)
     assert np.array_equal(single, whole[:, 5, :])
     out = np.zeros_like(whole)
-    assert ztlib.screen(ramp, mode=1, lpi=60, angle=15, out=out) is out
+    assert ztlib.screen(RAMP, mode=1, lpi=60, angle=15, out=out) is out
     assert np.array_equal(out, whole)
     with pytest.raises(ValueError, match="out must be"):
-        ztlib.screen(ramp, mode=1, lpi=60, angle=15, out=np.zeros((1, 3, 3), np.uint8))
+        ztlib.screen(RAMP, mode=1, lpi=60, angle=15, out=np.zeros((1, 3, 3), np.uint8))
     assert s.closed
     with pytest.raises(ValueError, match="closed"):
-        s.screen(ramp)
+        s.screen(RAMP)
     # A slice of a wider image: rows further apart than their width.
     wide = np.zeros((37, 400), np.uint8)
-    wide[:, 50:253] = ramp
+    wide[:, 50:253] = RAMP
     assert np.array_equal(ztlib.screen(wide[:, 50:253], mode=1, lpi=60, angle=15), whole)
 
 
