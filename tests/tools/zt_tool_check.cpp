@@ -162,6 +162,19 @@ std::vector<double> region_mean(const Image &im, uint32_t x0, uint32_t y0, uint3
   return m;
 }
 
+// The mean of the middle half (each way) of patch p of the 4 x 2 grid, as
+// three channels of 0 ... 1 (grey repeated): away from the edges the
+// resampler blurs.
+std::vector<double> patch_mean(const Image &im, int p) {
+  const int col = p % 4, row = p / 4;
+  auto at = [](uint32_t size, int parts, double where) { return static_cast<uint32_t>(size * where / parts); };
+  const std::vector<double> m = region_mean(im, at(im.w, 4, col + 0.25), at(im.h, 2, row + 0.25),
+                                            at(im.w, 4, col + 0.75), at(im.h, 2, row + 0.75));
+  std::vector<double> rgb(3);
+  for (int c = 0; c < 3; ++c) rgb[c] = m[im.c == 1 ? 0 : c] / 255.0;
+  return rgb;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -198,21 +211,11 @@ int main(int argc, char **argv) {
     cmsHTRANSFORM rgb_lab = cmsCreateTransform(srgb, TYPE_RGB_DBL, lab, TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0);
     double worst = 0;
     for (int p = 0; p < 8; ++p) {
-      const int col = p % 4, row = p / 4;
-      auto inner = [&](const Image &im, double &x0, double &y0, double &x1, double &y1) {
-        x0 = im.w * (col + 0.25) / 4, x1 = im.w * (col + 0.75) / 4;
-        y0 = im.h * (row + 0.25) / 2, y1 = im.h * (row + 0.75) / 2;
-      };
-      double x0, y0, x1, y1;
-      inner(in, x0, y0, x1, y1);
-      std::vector<double> src = region_mean(in, static_cast<uint32_t>(x0), static_cast<uint32_t>(y0), static_cast<uint32_t>(x1), static_cast<uint32_t>(y1));
-      inner(pv, x0, y0, x1, y1);
-      std::vector<double> got = region_mean(pv, static_cast<uint32_t>(x0), static_cast<uint32_t>(y0), static_cast<uint32_t>(x1), static_cast<uint32_t>(y1));
-      double rgb[3], cmyk[4], want_lab[3], got_rgb[3], got_lab[3];
-      for (int c = 0; c < 3; ++c) rgb[c] = src[in.c == 1 ? 0 : c] / 255.0, got_rgb[c] = got[pv.c == 1 ? 0 : c] / 255.0;
-      cmsDoTransform(to_cmyk, rgb, cmyk, 1);
+      std::vector<double> rgb = patch_mean(in, p), got_rgb = patch_mean(pv, p);
+      double cmyk[4], want_lab[3], got_lab[3];
+      cmsDoTransform(to_cmyk, rgb.data(), cmyk, 1);
       cmsDoTransform(cmyk_lab, cmyk, want_lab, 1);
-      cmsDoTransform(rgb_lab, got_rgb, got_lab, 1);
+      cmsDoTransform(rgb_lab, got_rgb.data(), got_lab, 1);
       const cmsCIELab a{want_lab[0], want_lab[1], want_lab[2]}, b{got_lab[0], got_lab[1], got_lab[2]};
       const double de = cmsCIE2000DeltaE(&a, &b, 1, 1, 1);
       std::printf("patch %d: want Lab %.1f %.1f %.1f got %.1f %.1f %.1f dE2000 %.2f\n", p, a.L, a.a, a.b, b.L, b.a, b.b, de);
