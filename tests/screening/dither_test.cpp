@@ -221,14 +221,17 @@ TEST(DitherTest, MethodsAndNarrowNoiseFloor) {
 
 TEST(DitherTest, TriangularDistribution) {
   LibraryScope library;
-  double sum = 0;
+  double sum = 0, squares = 0;
   for (int i = 0; i < 20000; ++i) {
     const double v = TPDF(-1.0, 0.0, 1.0);
     ASSERT_GE(v, -1.0);
     ASSERT_LE(v, 1.0);
     sum += v;
+    squares += v * v;
   }
   EXPECT_NEAR(sum / 20000, 0.0, 0.02);
+  // A triangle on [-1, 1] has variance 1/6; a uniform draw would give 1/3.
+  EXPECT_NEAR(squares / 20000, 1.0 / 6, 0.01);
 }
 
 TEST(DitherTest, ScanlinebufDitheredCopies) {
