@@ -209,12 +209,10 @@ head -c 4096 /dev/zero >zeros.jpg
 { printf '\xff\xd8\xff'; head -c 4096 /dev/zero; } >zeros2.jpg
 python3 - <<'PY'
 import struct, zlib
-def png(w, h, rows):
-    def chunk(t, d): return struct.pack('>I', len(d)) + t + d + struct.pack('>I', zlib.crc32(t + d) & 0xffffffff)
-    ihdr = struct.pack('>IIBBBBB', w, h, 8, 0, 0, 0, 0)
-    return b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', ihdr) + chunk(b'IDAT', zlib.compress(rows)) + chunk(b'IEND', b'')
-open('empty.png', 'wb').write(png(0, 0, b''))
-open('huge.png', 'wb').write(png(100000, 100000, b'\0' * 100001))
+def chunk(t, d): return struct.pack('>I', len(d)) + t + d + struct.pack('>I', zlib.crc32(t + d) & 0xffffffff)
+for name, side, rows in [('empty.png', 0, b''), ('huge.png', 100000, b'\0' * 100001)]:
+    ihdr = struct.pack('>IIBBBBB', side, side, 8, 0, 0, 0, 0)
+    open(name, 'wb').write(b'\x89PNG\r\n\x1a\n' + chunk(b'IHDR', ihdr) + chunk(b'IDAT', zlib.compress(rows)) + chunk(b'IEND', b''))
 # TIFFs whose one strip lies about its size: fewer bytes than the lines
 # need, more than the file holds, or placed beyond the end of the file.
 def tiff(name, count, offset=8, stored=256):
@@ -239,9 +237,7 @@ expect 1 "JPEG of zeros" -- "$zt" rip zeros.jpg -o out/x.vlimg
 expect 1 "JPEG marker then zeros" -- "$zt" rip zeros2.jpg -o out/x.vlimg
 expect 1 "0 x 0 PNG" -- "$zt" rip empty.png -o out/x.vlimg
 expect 1 "100,000 x 100,000 PNG" -- "$zt" rip huge.png -o out/x.vlimg
-for t in lying-short lying-long lying-offset; do
-  expect 1 "TIFF with a lying strip ($t)" -- "$zt" rip $t.tif -o out/x.vlimg
-done
+for t in lying-short lying-long lying-offset; do expect 1 "TIFF with a lying strip ($t)" -- "$zt" rip $t.tif -o out/x.vlimg; done
 expect 1 "output profile that is not one" -- "$zt" rip good.png -o out/x.vlimg --profile notaprofile.icc
 expect 1 "input profile that is not one" -- "$zt" rip good.png -o out/x.vlimg --input-profile notaprofile.icc
 expect 1 "RGB output profile" -- "$zt" rip good.png -o out/x.vlimg --profile /usr/share/color/icc/ghostscript/srgb.icc

@@ -56,6 +56,20 @@ Image make(const std::string &model, uint32_t bits, uint32_t w, uint32_t h, doub
 
 uint16_t narrow(uint16_t v, uint32_t bits) { return bits == 8 ? static_cast<uint16_t>((v * 255u + 32767u) / 65535u) : v; }
 
+// Row y at the image's depth, 16-bit samples big-endian (PNG) or in host
+// order (TIFF). Each later page a little darker, so pages differ.
+std::vector<uint8_t> row_bytes(const Image &im, uint32_t y, int page, bool big_endian) {
+  const size_t n = static_cast<size_t>(im.w) * im.c;
+  std::vector<uint8_t> row(n * im.bits / 8);
+  for (size_t i = 0; i < n; ++i) {
+    const uint16_t v = narrow(static_cast<uint16_t>(uint32_t{im.px[y * n + i]} * (10 - page) / 10), im.bits);
+    if (im.bits == 8) row[i] = static_cast<uint8_t>(v);
+    else if (big_endian) row[2 * i] = static_cast<uint8_t>(v >> 8), row[2 * i + 1] = static_cast<uint8_t>(v);
+    else std::memcpy(&row[2 * i], &v, 2);
+  }
+  return row;
+}
+
 void write_png(const Image &im, const char *path) {
   FILE *f = std::fopen(path, "wb");
   png_structp p = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
@@ -64,15 +78,7 @@ void write_png(const Image &im, const char *path) {
   png_set_IHDR(p, info, im.w, im.h, static_cast<int>(im.bits), im.c == 1 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB,
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(p, info);
-  std::vector<uint8_t> row(static_cast<size_t>(im.w) * im.c * 2);
-  for (uint32_t y = 0; y < im.h; ++y) {
-    for (size_t i = 0; i < static_cast<size_t>(im.w) * im.c; ++i) {
-      const uint16_t v = narrow(im.px[y * static_cast<size_t>(im.w) * im.c + i], im.bits);
-      if (im.bits == 8) row[i] = static_cast<uint8_t>(v);
-      else row[2 * i] = static_cast<uint8_t>(v >> 8), row[2 * i + 1] = static_cast<uint8_t>(v);
-    }
-    png_write_row(p, row.data());
-  }
+  for (uint32_t y = 0; y < im.h; ++y) png_write_row(p, row_bytes(im, y, 0, true).data());
   png_write_end(p, nullptr);
   png_destroy_write_struct(&p, &info);
   std::fclose(f);
@@ -90,18 +96,7 @@ void write_tiff(const Image &im, const char *path, int pages) {
     TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, 16);
     TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
     if (pages > 1) TIFFSetField(t, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE), TIFFSetField(t, TIFFTAG_PAGENUMBER, page, pages);
-    std::vector<uint8_t> row(static_cast<size_t>(im.w) * im.c * 2);
-    for (uint32_t y = 0; y < im.h; ++y) {
-      for (size_t i = 0; i < static_cast<size_t>(im.w) * im.c; ++i) {
-        // Each page a little darker, so pages differ.
-        uint32_t v = im.px[y * static_cast<size_t>(im.w) * im.c + i];
-        v = v * (10 - page) / 10;
-        const uint16_t n = narrow(static_cast<uint16_t>(v), im.bits);
-        if (im.bits == 8) row[i] = static_cast<uint8_t>(n);
-        else std::memcpy(&row[2 * i], &n, 2);
-      }
-      TIFFWriteScanline(t, row.data(), y, 0);
-    }
+    for (uint32_t y = 0; y < im.h; ++y) TIFFWriteScanline(t, row_bytes(im, y, page, false).data(), y, 0);
     TIFFWriteDirectory(t);
   }
   TIFFClose(t);
@@ -121,14 +116,12 @@ void write_jpeg(const Image &im, const char *path) {
   jpeg_set_defaults(&c);
   jpeg_set_quality(&c, 95, TRUE);
   jpeg_start_compress(&c, TRUE);
-  std::vector<uint8_t> row(static_cast<size_t>(im.w) * im.c);
   for (uint32_t y = 0; y < im.h; ++y) {
+    std::vector<uint8_t> row = row_bytes(im, y, 0, false);  // the test asks JPEGs at 8 bits only
     // CMYK JPEGs are stored inverted, as Photoshop writes them beside its
     // Adobe marker (which libjpeg adds for CMYK).
-    for (size_t i = 0; i < row.size(); ++i) {
-      const auto v = static_cast<uint8_t>(narrow(im.px[y * row.size() + i], 8));
-      row[i] = im.c == 4 ? static_cast<uint8_t>(255 - v) : v;
-    }
+    if (im.c == 4)
+      for (uint8_t &v : row) v = static_cast<uint8_t>(255 - v);
     JSAMPROW r = row.data();
     jpeg_write_scanlines(&c, &r, 1);
   }
