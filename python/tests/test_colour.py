@@ -1,8 +1,9 @@
 """Colour arithmetic and table interpolation against the C calls, one pixel
-at a time through ctypes, on the same data."""
+at a time through ctypes, on the same data. (Published values, Little CMS and
+the interpolators' properties are held against the C calls by the C++ tests;
+here the wrappers must give exactly what those calls give.)"""
 
 import ctypes
-import ctypes.util
 
 import numpy as np
 import pytest
@@ -71,13 +72,6 @@ def test_colour_differences_equal_the_c_functions(libzt, lab, method, cname):
     ours = ztlib.colour_difference(ref, sam, method)
     assert ours.shape == (150,)
     assert np.array_equal(ours, [fn(c3(a), c3(b)) for a, b in zip(ref, sam)])
-
-
-def test_ciede2000_known_pair():
-    # Sharma, Wu and Dalal's test data, pair 1: 2.0425 (the library's pi of
-    # 3.14159 moves it in the fifth digit at most).
-    d = ztlib.colour_difference(np.array([50.0, 2.6772, -79.7751]), np.array([50.0, 0.0, -82.7485]), "2000")
-    assert float(d) == pytest.approx(2.0425, abs=2e-3)
 
 
 def test_adaptation_and_cct_equal_the_c_functions(libzt, xyz):
@@ -149,55 +143,6 @@ def test_interpolation_equals_the_c_interpolator(libzt, rng, inputs, outputs, dt
     assert ours.shape == (7, 13, outputs) and ours.dtype == dtype
     assert np.array_equal(ours, c_interpolate(libzt, table, pixels, scheme))
     assert np.array_equal(ztlib.interpolate(table, pixels, *how, threads=0), ours)
-
-
-def test_identity_table_gives_back_its_inputs():
-    axis = np.linspace(0, 65535, 17, dtype=np.float32)
-    table = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
-    pixels = np.random.default_rng(3).integers(0, 65536, (1000, 3)).astype(np.uint16)
-    for method in ("tetrahedral", "trilinear", "prism"):
-        assert np.abs(ztlib.interpolate(table, pixels, method).astype(int) - pixels).max() <= 1
-
-
-def little_cms():
-    try:
-        return ctypes.CDLL(ctypes.util.find_library("lcms2") or "liblcms2.so.2")
-    except OSError:
-        return None
-
-
-@pytest.mark.skipif(little_cms() is None, reason="Little CMS is not installed")
-@pytest.mark.parametrize("outputs", [3, 4])
-def test_tetrahedral_agrees_with_little_cms(rng, outputs):
-    # Little CMS evaluates a 16-bit three-input CLUT tetrahedrally, in fixed
-    # point. A smooth table with noise, in whole numbers so both hold the same
-    # grid; on white noise its 16-bit fractions stray 2 codes now and then.
-    lcms, u32, vp, p16 = little_cms(), ctypes.c_uint32, ctypes.c_void_p, ctypes.POINTER(ctypes.c_uint16)
-    bind(lcms, "cmsStageAllocCLut16bit", vp, vp, u32, u32, u32, p16)
-    bind(lcms, "cmsPipelineAlloc", vp, vp, u32, u32)
-    bind(lcms, "cmsPipelineInsertStage", ctypes.c_int, vp, ctypes.c_int, vp)
-    bind(lcms, "cmsPipelineEval16", None, p16, p16, vp)
-    bind(lcms, "cmsPipelineFree", None, vp)
-    axis = np.linspace(0, 1, 17)
-    x = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
-    k = rng.uniform(-3, 3, (3, outputs))
-    smooth = 32767.5 + 30000 * np.sin(x @ k + rng.uniform(-3, 3, outputs))
-    noise = rng.uniform(-2000, 2000, smooth.shape)
-    table = np.clip(np.floor(smooth + noise), 0, 65535).astype(np.float32)
-    grid16 = np.ascontiguousarray(table.astype(np.uint16))
-    stage = lcms.cmsStageAllocCLut16bit(None, 17, 3, outputs, ptr(grid16, ctypes.c_uint16))
-    pipeline = lcms.cmsPipelineAlloc(None, 3, outputs)
-    assert stage and pipeline and lcms.cmsPipelineInsertStage(pipeline, 0, stage)
-    pixels = rng.integers(0, 65536, (20000, 3)).astype(np.uint16)
-    pixels[::4, 1] = pixels[::4, 0]
-    pixels[::5, 2] = 65535
-    pixels[::7, 0] = 0
-    theirs = np.zeros((len(pixels), outputs), np.uint16)
-    for i in range(len(pixels)):
-        lcms.cmsPipelineEval16(ptr(pixels[i], ctypes.c_uint16), ptr(theirs[i], ctypes.c_uint16), pipeline)
-    lcms.cmsPipelineFree(pipeline)
-    ours = ztlib.interpolate(table, pixels, "tetrahedral")
-    assert np.abs(ours.astype(int) - theirs).max() <= 1
 
 
 T5 = np.zeros((5, 5, 5, 3), np.float32)
