@@ -26,3 +26,10 @@ def rng():
 
 def ptr(array, ctype=ctypes.c_uint8):
     return array.ctypes.data_as(ctypes.POINTER(ctype))
+
+
+def bind(lib, name, restype, *argtypes):
+    """A C function of `lib` with its signature declared."""
+    fn = getattr(lib, name)
+    fn.restype, fn.argtypes = restype, list(argtypes)
+    return fn

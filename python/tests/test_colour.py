@@ -1,14 +1,15 @@
 """Colour arithmetic and table interpolation against the C calls, one pixel
-at a time through ctypes, on the same data."""
+at a time through ctypes, on the same data. (Published values, Little CMS and
+the interpolators' properties are held against the C calls by the C++ tests;
+here the wrappers must give exactly what those calls give.)"""
 
 import ctypes
-import ctypes.util
 
 import numpy as np
 import pytest
 
 import ztlib
-from conftest import ptr
+from conftest import bind, ptr
 
 D = ctypes.c_double
 P = ctypes.POINTER(D)
@@ -73,13 +74,6 @@ def test_colour_differences_equal_the_c_functions(libzt, lab, method, cname):
     assert np.array_equal(ours, [fn(c3(a), c3(b)) for a, b in zip(ref, sam)])
 
 
-def test_ciede2000_known_pair():
-    # Sharma, Wu and Dalal's test data, pair 1: 2.0425 (the library's pi of
-    # 3.14159 moves it in the fifth digit at most).
-    d = ztlib.colour_difference(np.array([50.0, 2.6772, -79.7751]), np.array([50.0, 0.0, -82.7485]), "2000")
-    assert float(d) == pytest.approx(2.0425, abs=2e-3)
-
-
 def test_adaptation_and_cct_equal_the_c_functions(libzt, xyz):
     libzt.ZTCMS_Chromatic_Adaptation.restype = P
     d50, d65 = ztlib.illuminant(0), ztlib.illuminant(2)
@@ -99,23 +93,19 @@ def test_adaptation_and_cct_equal_the_c_functions(libzt, xyz):
     assert np.isnan(temps).sum() not in (0, 50)
 
 
-def test_colour_errors():
-    with pytest.raises(ValueError, match="ZTCMS_XYZtoCorColourTemp: No colour temperature for black"):
-        ztlib.cct(np.zeros(3))
-    with pytest.raises(ValueError, match="unknown colour difference"):
-        ztlib.colour_difference(np.zeros(3), np.zeros(3), "cie1900")
-    with pytest.raises(ValueError, match="same shape"):
-        ztlib.colour_difference(np.zeros((2, 3)), np.zeros((3, 3)))
-    with pytest.raises(TypeError, match="float64"):
-        ztlib.xyz_to_lab(np.zeros((4, 3), np.float32))
-    with pytest.raises(ValueError, match="last axis of 3"):
-        ztlib.xyz_to_lab(np.zeros((4, 4)))
-    with pytest.raises(ValueError, match="C-contiguous"):
-        ztlib.xyz_to_lab(np.zeros((4, 6))[:, ::2])
-    with pytest.raises(ValueError, match="empty"):
-        ztlib.xyz_to_lab(np.zeros((0, 3)))
-    with pytest.raises(ValueError, match="white"):
-        ztlib.xyz_to_lab(np.zeros((1, 3)), white=(1, 1))
+@pytest.mark.parametrize("call,exc,match", [
+    (lambda: ztlib.cct(np.zeros(3)), ValueError, "ZTCMS_XYZtoCorColourTemp: No colour temperature for black"),
+    (lambda: ztlib.colour_difference(np.zeros(3), np.zeros(3), "cie1900"), ValueError, "unknown colour difference"),
+    (lambda: ztlib.colour_difference(np.zeros((2, 3)), np.zeros((3, 3))), ValueError, "same shape"),
+    (lambda: ztlib.xyz_to_lab(np.zeros((4, 3), np.float32)), TypeError, "float64"),
+    (lambda: ztlib.xyz_to_lab(np.zeros((4, 4))), ValueError, "last axis of 3"),
+    (lambda: ztlib.xyz_to_lab(np.zeros((4, 6))[:, ::2]), ValueError, "C-contiguous"),
+    (lambda: ztlib.xyz_to_lab(np.zeros((0, 3))), ValueError, "empty"),
+    (lambda: ztlib.xyz_to_lab(np.zeros((1, 3)), white=(1, 1)), ValueError, "white"),
+])
+def test_colour_errors(call, exc, match):
+    with pytest.raises(exc, match=match):
+        call()
 
 
 # ---- Table interpolation ---------------------------------------------------
@@ -123,21 +113,17 @@ def test_colour_errors():
 def c_interpolate(libzt, table, pixels, scheme):
     inputs = table.ndim - 1
     n, m = table.shape[0], table.shape[-1]
-    init = libzt.TableInterpolatorInit_ushort if pixels.dtype == np.uint16 else libzt.TableInterpolatorInit_uchar
-    init.restype = ctypes.c_void_p
-    init.argtypes = [ctypes.c_uint32] * 3 + [ctypes.POINTER(ctypes.c_float), ctypes.c_int32, ctypes.c_int32,
-                                              ctypes.c_char_p]
-    libzt.TableInterpolatorConvertRect.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_uint32,
-                                                   ctypes.c_void_p, ctypes.c_uint32] + [ctypes.c_uint32] * 3
-    libzt.TableInterpolatorDestroy.argtypes = [ctypes.c_void_p]
+    u32, vp = ctypes.c_uint32, ctypes.c_void_p
+    init = bind(libzt, "TableInterpolatorInit_" + ("ushort" if pixels.dtype == np.uint16 else "uchar"), vp,
+                u32, u32, u32, ctypes.POINTER(ctypes.c_float), ctypes.c_int32, ctypes.c_int32, ctypes.c_char_p)
+    convert = bind(libzt, "TableInterpolatorConvertRect", ctypes.c_int32, vp, vp, u32, vp, u32, u32, u32, u32)
     t = init(inputs, n, m, ptr(table, ctypes.c_float), scheme, 1, None)
     assert t
     flat = np.ascontiguousarray(pixels.reshape(-1, inputs))
     out = np.zeros((flat.shape[0], m), pixels.dtype)
-    one_line = flat.shape[0]
-    for i in range(one_line):  # pixel by pixel: a different split of the work
-        assert libzt.TableInterpolatorConvertRect(t, flat[i].ctypes.data, 8, out[i].ctypes.data, 8 * m, 1, 1, 0) == 0
-    libzt.TableInterpolatorDestroy(t)
+    for i in range(flat.shape[0]):  # pixel by pixel: a different split of the work
+        assert convert(t, flat[i].ctypes.data, 8, out[i].ctypes.data, 8 * m, 1, 1, 0) == 0
+    bind(libzt, "TableInterpolatorDestroy", None, vp)(t)
     return out.reshape(pixels.shape[:-1] + (m,))
 
 
@@ -145,91 +131,34 @@ def c_interpolate(libzt, table, pixels, scheme):
     (3, 3, np.uint16, "trilinear", 0), (3, 4, np.uint16, "prism", 1), (4, 3, np.uint16, "trilinear", 0),
     (4, 5, np.uint16, "prism", 1), (3, 3, np.uint8, "prism", 1), (4, 4, np.uint8, "trilinear", 0),
     (3, 4, np.uint16, "tetrahedral", 2), (4, 4, np.uint16, "tetrahedral", 2), (3, 3, np.uint8, "tetrahedral", 2),
+    (3, 4, np.uint16, None, 2),
 ])
 def test_interpolation_equals_the_c_interpolator(libzt, rng, inputs, outputs, dtype, method, scheme):
     n = 9 if inputs == 3 else 5
     table = rng.uniform(0, 65535, (n,) * inputs + (outputs,)).astype(np.float32)
     top = 65536 if dtype == np.uint16 else 256
     pixels = rng.integers(0, top, (7, 13, inputs)).astype(dtype)
-    ours = ztlib.interpolate(table, pixels, method)
+    how = (method,) if method else ()  # None: the default method
+    ours = ztlib.interpolate(table, pixels, *how)
     assert ours.shape == (7, 13, outputs) and ours.dtype == dtype
     assert np.array_equal(ours, c_interpolate(libzt, table, pixels, scheme))
-    assert np.array_equal(ztlib.interpolate(table, pixels, method, threads=0), ours)
+    assert np.array_equal(ztlib.interpolate(table, pixels, *how, threads=0), ours)
 
 
-def test_identity_table_gives_back_its_inputs():
-    axis = np.linspace(0, 65535, 17, dtype=np.float32)
-    table = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
-    pixels = np.random.default_rng(3).integers(0, 65536, (1000, 3)).astype(np.uint16)
-    for method in ("tetrahedral", "trilinear", "prism"):
-        assert np.abs(ztlib.interpolate(table, pixels, method).astype(int) - pixels).max() <= 1
+T5 = np.zeros((5, 5, 5, 3), np.float32)
+PX = np.zeros((4, 3), np.uint16)
 
 
-def test_default_method_is_tetrahedral(libzt, rng):
-    table = rng.uniform(0, 65535, (9, 9, 9, 4)).astype(np.float32)
-    pixels = rng.integers(0, 65536, (300, 3)).astype(np.uint16)
-    assert np.array_equal(ztlib.interpolate(table, pixels), c_interpolate(libzt, table, pixels, 2))
-
-
-def little_cms():
-    try:
-        return ctypes.CDLL(ctypes.util.find_library("lcms2") or "liblcms2.so.2")
-    except OSError:
-        return None
-
-
-@pytest.mark.skipif(little_cms() is None, reason="Little CMS is not installed")
-@pytest.mark.parametrize("outputs", [3, 4])
-def test_tetrahedral_agrees_with_little_cms(rng, outputs):
-    # Little CMS evaluates a 16-bit three-input CLUT tetrahedrally, in fixed
-    # point. A smooth table with noise, in whole numbers so both hold the same
-    # grid; on white noise its 16-bit fractions stray 2 codes now and then.
-    lcms = little_cms()
-    lcms.cmsStageAllocCLut16bit.restype = ctypes.c_void_p
-    lcms.cmsStageAllocCLut16bit.argtypes = [ctypes.c_void_p, ctypes.c_uint32, ctypes.c_uint32, ctypes.c_uint32,
-                                            ctypes.POINTER(ctypes.c_uint16)]
-    lcms.cmsPipelineAlloc.restype = ctypes.c_void_p
-    lcms.cmsPipelineAlloc.argtypes = [ctypes.c_void_p, ctypes.c_uint32, ctypes.c_uint32]
-    lcms.cmsPipelineInsertStage.argtypes = [ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p]
-    lcms.cmsPipelineEval16.argtypes = [ctypes.POINTER(ctypes.c_uint16), ctypes.POINTER(ctypes.c_uint16),
-                                       ctypes.c_void_p]
-    lcms.cmsPipelineFree.argtypes = [ctypes.c_void_p]
-    axis = np.linspace(0, 1, 17)
-    x = np.stack(np.meshgrid(axis, axis, axis, indexing="ij"), axis=-1)
-    k = rng.uniform(-3, 3, (3, outputs))
-    smooth = 32767.5 + 30000 * np.sin(x @ k + rng.uniform(-3, 3, outputs))
-    noise = rng.uniform(-2000, 2000, smooth.shape)
-    table = np.clip(np.floor(smooth + noise), 0, 65535).astype(np.float32)
-    grid16 = np.ascontiguousarray(table.astype(np.uint16))
-    stage = lcms.cmsStageAllocCLut16bit(None, 17, 3, outputs, ptr(grid16, ctypes.c_uint16))
-    pipeline = lcms.cmsPipelineAlloc(None, 3, outputs)
-    assert stage and pipeline and lcms.cmsPipelineInsertStage(pipeline, 0, stage)
-    pixels = rng.integers(0, 65536, (20000, 3)).astype(np.uint16)
-    pixels[::4, 1] = pixels[::4, 0]
-    pixels[::5, 2] = 65535
-    pixels[::7, 0] = 0
-    theirs = np.zeros((len(pixels), outputs), np.uint16)
-    for i in range(len(pixels)):
-        lcms.cmsPipelineEval16(ptr(pixels[i], ctypes.c_uint16), ptr(theirs[i], ctypes.c_uint16), pipeline)
-    lcms.cmsPipelineFree(pipeline)
-    ours = ztlib.interpolate(table, pixels, "tetrahedral")
-    assert np.abs(ours.astype(int) - theirs).max() <= 1
-
-
-def test_interpolation_errors(rng):
-    table = np.zeros((5, 5, 5, 3), np.float32)
-    px = np.zeros((4, 3), np.uint16)
-    with pytest.raises(ValueError, match="unknown interpolation method 'cubic'; .*'tetrahedral', 'trilinear'"):
-        ztlib.interpolate(table, px, "cubic")
-    with pytest.raises(TypeError, match="float32"):
-        ztlib.interpolate(table.astype(np.float64), px)
-    with pytest.raises(TypeError, match="uint8 or uint16"):
-        ztlib.interpolate(table, px.astype(np.int32))
-    with pytest.raises(ValueError, match="last axis of 3"):
-        ztlib.interpolate(table, np.zeros((4, 4), np.uint16))
-    with pytest.raises(ValueError, match="same number of grid points"):
-        ztlib.interpolate(np.zeros((5, 4, 5, 3), np.float32), px)
-    with pytest.raises(ValueError, match="table_interpolator"):
-        ztlib.interpolate(np.zeros((2, 2, 2, 17), np.float32), px)
-    with pytest.raises(ValueError, match="shape"):
-        ztlib.interpolate(np.zeros((5, 5, 3), np.float32), px)
+@pytest.mark.parametrize("call,exc,match", [
+    (lambda: ztlib.interpolate(T5, PX, "cubic"), ValueError,
+     "unknown interpolation method 'cubic'; .*'tetrahedral', 'trilinear'"),
+    (lambda: ztlib.interpolate(T5.astype(np.float64), PX), TypeError, "float32"),
+    (lambda: ztlib.interpolate(T5, PX.astype(np.int32)), TypeError, "uint8 or uint16"),
+    (lambda: ztlib.interpolate(T5, np.zeros((4, 4), np.uint16)), ValueError, "last axis of 3"),
+    (lambda: ztlib.interpolate(np.zeros((5, 4, 5, 3), np.float32), PX), ValueError, "same number of grid points"),
+    (lambda: ztlib.interpolate(np.zeros((2, 2, 2, 17), np.float32), PX), ValueError, "table_interpolator"),
+    (lambda: ztlib.interpolate(np.zeros((5, 5, 3), np.float32), PX), ValueError, "shape"),
+])
+def test_interpolation_errors(call, exc, match):
+    with pytest.raises(exc, match=match):
+        call()

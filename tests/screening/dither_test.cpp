@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -90,17 +91,42 @@ TEST_P(DitherLevelTest, SeededRunRepeatsExactly) {
 INSTANTIATE_TEST_SUITE_P(Levels, DitherLevelTest, testing::ValuesIn(zt::test::simd_levels()),
                          zt::test::simd_level_name);
 
-TEST(DitherTest, VectorKernelMatchesBaselineAcrossTheWrap) {
+// Both forms from one context state: the bytes and where the cursor ends.
+void expect_same_bytes(const DitherContext &start, const std::vector<uint16_t> &in, const std::string &what) {
+  DitherContext base = start, vec = start;
+  std::vector<uint8_t> a(in.size()), b(in.size());
+  {
+    SimdLevelScope level(ZT_SIMD_BASELINE);
+    ditherBuf16To8(&base, a.data(), in.data(), static_cast<uint32_t>(in.size()));
+  }
+  {
+    SimdLevelScope level(ZT_SIMD_AVX2);
+    ditherBuf16To8(&vec, b.data(), in.data(), static_cast<uint32_t>(in.size()));
+  }
+  EXPECT_EQ(a, b) << what;
+  EXPECT_EQ(base.tableCursor, vec.tableCursor) << what;
+}
+
+// Lengths off the vector width, with the wrap of the table inside the run;
+// ends mixed in (none, nearly half, a few) so the lanes take noise unevenly,
+// or no ends but samples the noise pushes past 0 or 65535. Then every sample
+// value between the ends from several table positions: the vector form
+// divides by 257 without a division instruction and reads the integer noise
+// from a narrower copy of its table.
+TEST(DitherTest, VectorKernelMatchesBaseline) {
   if (ZT_SimdBestLevel() < ZT_SIMD_AVX2) GTEST_SKIP() << "no AVX2";
   constexpr uint32_t kNearEnds = 1000;
   LibraryScope library;
   std::mt19937 rng(8);
+  std::vector<uint16_t> every(65534);
+  for (uint32_t s = 1; s <= 65534; ++s) every[s - 1] = static_cast<uint16_t>(s);
   for (uint32_t kind : kKinds) {
+    DitherContext ctx{};
+    ditherSetup(&ctx, 2, kind);
+    const auto *start = static_cast<const int32_t *>(ctx.tableStart);
     for (uint32_t n : {1u, 7u, 9u, 64u, 1001u}) {
       for (uint32_t ends_in : {0u, 97u, 8u, kNearEnds}) {
         std::vector<uint16_t> in(n);
-        // Ends mixed in (none, nearly half, a few) so the lanes take noise
-        // unevenly; or no ends but samples the noise pushes past 0 or 65535.
         for (auto &v : in) {
           const uint32_t r = rng() % 100;
           if (ends_in == kNearEnds) {
@@ -109,52 +135,13 @@ TEST(DitherTest, VectorKernelMatchesBaselineAcrossTheWrap) {
             v = r < ends_in / 2 ? 0 : r < ends_in ? 65535 : static_cast<uint16_t>(rng() % 65534 + 1);
           }
         }
-        DitherContext base{};
-        ditherSetup(&base, 2, kind);
-        // Start a few entries before the end so the wrap falls inside the run.
-        base.tableCursor = static_cast<const int32_t *>(base.tableEnd) - 5;
-        DitherContext vec = base;
-        std::vector<uint8_t> a(n), b(n);
-        {
-          SimdLevelScope level(ZT_SIMD_BASELINE);
-          ditherBuf16To8(&base, a.data(), in.data(), n);
-        }
-        {
-          SimdLevelScope level(ZT_SIMD_AVX2);
-          ditherBuf16To8(&vec, b.data(), in.data(), n);
-        }
-        EXPECT_EQ(a, b) << kind << " " << n;
-        EXPECT_EQ(base.tableCursor, vec.tableCursor);
+        ctx.tableCursor = static_cast<const int32_t *>(ctx.tableEnd) - 5;
+        expect_same_bytes(ctx, in, "kind " + std::to_string(kind) + " n " + std::to_string(n));
       }
     }
-  }
-}
-
-// The vector form divides by 257 without a division instruction and reads
-// the integer noise from a narrower copy of its table: every sample value
-// between the ends, from several table positions, must still give the
-// baseline's bytes.
-TEST(DitherTest, VectorKernelMatchesBaselineForEverySample) {
-  LibraryScope library;
-  std::vector<uint16_t> in(65534);
-  for (uint32_t s = 1; s <= 65534; ++s) in[s - 1] = static_cast<uint16_t>(s);
-  for (uint32_t kind : kKinds) {
     for (const size_t from : {size_t{0}, size_t{3}, size_t{ZT_DITHER_TABLE_SIZE - 40000}}) {
-      DitherContext base{};
-      ditherSetup(&base, 2, kind);
-      base.tableCursor = static_cast<const int32_t *>(base.tableStart) + from;
-      DitherContext vec = base;
-      std::vector<uint8_t> a(in.size()), b(in.size());
-      {
-        SimdLevelScope level(ZT_SIMD_BASELINE);
-        ditherBuf16To8(&base, a.data(), in.data(), static_cast<uint32_t>(in.size()));
-      }
-      {
-        SimdLevelScope level(ZT_SIMD_AVX2);
-        ditherBuf16To8(&vec, b.data(), in.data(), static_cast<uint32_t>(in.size()));
-      }
-      EXPECT_EQ(a, b) << kind << " from " << from;
-      EXPECT_EQ(base.tableCursor, vec.tableCursor) << kind << " from " << from;
+      ctx.tableCursor = start + from;
+      expect_same_bytes(ctx, every, "kind " + std::to_string(kind) + " from " + std::to_string(from));
     }
   }
 }
@@ -186,24 +173,35 @@ TEST(DitherTest, RealNoiseQuotientIsTheDivision) {
   }
 }
 
+// The plain methods worked by hand: 1 rounds (128 / 257 = 0.498), 9
+// truncates (32768 / 257 = 127.5), 4 gives 0 for full ink; at 24 bits 8
+// floors (8421504 / 65793 = 128.0).
 TEST(DitherTest, MethodsAndNarrowNoiseFloor) {
   LibraryScope library;
   DitherContext ctx{};
-  ditherSetup(&ctx, 1, 0);
-  EXPECT_EQ(ctx.noiseKind, 3u);
-  EXPECT_EQ(ctx.tableCursor, nullptr);
-  const uint16_t in[4] = {128, 129, 65535, 32768};
-  uint8_t out[4];
-  ditherBuf16To8(&ctx, out, in, 4);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 1);
-  EXPECT_EQ(out[3], 128);
-  ditherSetup(&ctx, 4, 0);
-  ditherBuf16To8(&ctx, out, in, 4);
-  EXPECT_EQ(out[2], 0);
-  ditherSetup(&ctx, 9, 0);
-  ditherBuf16To8(&ctx, out, in, 4);
-  EXPECT_EQ(out[3], 127);  // truncation: 32768 / 257 = 127.5
+  struct Hand {
+    uint32_t method, in, out;
+  };
+  for (const Hand &h :
+       {Hand{1, 128, 0}, Hand{1, 129, 1}, Hand{1, 32768, 128}, Hand{4, 65535, 0}, Hand{9, 32768, 127}}) {
+    ditherSetup(&ctx, h.method, 0);
+    const auto in = static_cast<uint16_t>(h.in);
+    uint8_t out = 77;
+    ditherBuf16To8(&ctx, &out, &in, 1);
+    EXPECT_EQ(out, h.out) << h.method << " " << h.in;
+  }
+  for (const Hand &h : {Hand{1, 0x808080, 128}, Hand{1, 0xFFFFFF, 255}, Hand{2, 0, 0}, Hand{2, 0xFFFFFF, 255},
+                        Hand{8, 0x808080, 128}, Hand{8, 0x7FFFFF, 127}}) {
+    ditherSetup(&ctx, h.method, 0);
+    uint8_t out = 77;
+    ditherBuf24To8(&ctx, &out, &h.in, 1);
+    EXPECT_EQ(out, h.out) << "24 bits " << h.method << " " << h.in;
+  }
+  const uint32_t mid = 0x7FFFFF;
+  uint8_t byte = 77;
+  ditherSetup(&ctx, 2, 0);
+  ditherBuf24To8(&ctx, &byte, &mid, 1);
+  EXPECT_NEAR(byte, 127.5, 1.0);
 
   // Sample 1 under the narrow table: a negative entry floors at 0, never wraps.
   ditherSetup(&ctx, 2, 3);
@@ -212,27 +210,10 @@ TEST(DitherTest, MethodsAndNarrowNoiseFloor) {
   while (table[negative] >= 0) ++negative;
   ctx.tableCursor = table + negative;
   const uint16_t one = 1;
-  uint8_t byte = 77;
   ditherBuf16To8(&ctx, &byte, &one, 1);
   EXPECT_EQ(byte, 0);
   ditherBuf16To8(nullptr, &byte, &one, 1);
   EXPECT_EQ(byte, 0);
-
-  const uint32_t deep[4] = {0x808080, 0, 0xFFFFFF, 0x7FFFFF};
-  ditherSetup(&ctx, 1, 0);
-  ditherBuf24To8(&ctx, out, deep, 4);
-  EXPECT_EQ(out[0], 128);
-  EXPECT_EQ(out[2], 255);
-  ditherSetup(&ctx, 2, 0);
-  ditherBuf24To8(&ctx, out, deep, 4);
-  EXPECT_EQ(out[1], 0);
-  EXPECT_EQ(out[2], 255);
-  EXPECT_NEAR(out[3], 127.5, 1.0);
-  ditherSetup(&ctx, 8, 0);
-  ditherBuf24To8(&ctx, out, deep, 4);
-  EXPECT_EQ(out[0], 128);  // floor(8421504 / 65793) = 128
-  EXPECT_EQ(out[3], 127);
-
   auto *owned = static_cast<DitherContext *>(std::calloc(1, sizeof(DitherContext)));
   ditherCleanup(owned, 1);
   ditherCleanup(nullptr, 1);
@@ -240,14 +221,17 @@ TEST(DitherTest, MethodsAndNarrowNoiseFloor) {
 
 TEST(DitherTest, TriangularDistribution) {
   LibraryScope library;
-  double sum = 0;
+  double sum = 0, squares = 0;
   for (int i = 0; i < 20000; ++i) {
     const double v = TPDF(-1.0, 0.0, 1.0);
     ASSERT_GE(v, -1.0);
     ASSERT_LE(v, 1.0);
     sum += v;
+    squares += v * v;
   }
   EXPECT_NEAR(sum / 20000, 0.0, 0.02);
+  // A triangle on [-1, 1] has variance 1/6; a uniform draw would give 1/3.
+  EXPECT_NEAR(squares / 20000, 1.0 / 6, 0.01);
 }
 
 TEST(DitherTest, ScanlinebufDitheredCopies) {

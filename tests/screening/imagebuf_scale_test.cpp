@@ -122,6 +122,7 @@ TEST_P(ImageBufScaleTest, RefusalsLeaveTheBufferAsItWas) {
   ZT_ImageBufInfo info{};
   ASSERT_EQ(0, ZT_ImageBufGetInfo(buf.get(), &info));
   EXPECT_EQ(64u, info.width);
+  EXPECT_EQ(64u, info.height);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, ImageBufScaleTest, testing::Combine(testing::Values(0u, 1u), testing::Values(8u, 16u)),

@@ -110,6 +110,7 @@ TEST(ResampleFilterTest, CutFiltersEndAtTheirSupportAndOthersAreRefused) {
     resampleFilteredGetFilter(id, &fn, &support);
     EXPECT_GT(fn(std::nextafter(support, 0.0)), 1e-6) << id;
   }
+  // A refusal still leaves a usable filter: Hermite, support 1.
   LogCapture log;
   for (uint32_t id : {0u, 18u, 1000u}) {
     support = 7;
@@ -253,14 +254,12 @@ int32_t produce_line(void *user, ScanlineBuf *dst, uint32_t line) {
   return 0;
 }
 
-struct CtxDeleter {
-  void operator()(ResampleContext *c) const { resampleFree(c); }
+template <auto Free>
+struct Deleter {
+  void operator()(auto *p) const { Free(p); }
 };
-using CtxPtr = std::unique_ptr<ResampleContext, CtxDeleter>;
-struct BufDeleter {
-  void operator()(ScanlineBuf *b) const { scanlinebufFree(b); }
-};
-using BufPtr = std::unique_ptr<ScanlineBuf, BufDeleter>;
+using CtxPtr = std::unique_ptr<ResampleContext, Deleter<resampleFree>>;
+using BufPtr = std::unique_ptr<ScanlineBuf, Deleter<scanlinebufFree>>;
 
 CtxPtr make(Feed &feed, uint32_t ow, uint32_t oh, uint32_t bppOut, uint32_t filter) {
   const Image &in = *feed.image;
@@ -683,8 +682,6 @@ TEST(ScaleTest, DefaultFiltersSetFilterAndTheScaleEntry) {
     CtxPtr scale(ScaleInit(g.iw, g.ih, g.ow, g.oh, 3, 16, 8, read_line, nullptr, &f2));
     CtxPtr lanczos(ScaleInitUsingFilter(g.iw, g.ih, g.ow, g.oh, 3, 16, 8, read_line, nullptr, &f3, 6));
     ASSERT_TRUE(resample && scale && lanczos);
-    EXPECT_EQ(resample->filterId, uint32_t{ZT_RESAMPLE_DEFAULT_FILTER});
-    EXPECT_EQ(scale->filterId, uint32_t{ZT_SCALE_DEFAULT_FILTER});
     EXPECT_TRUE(Near(pull(resample.get()), run(in, g.ow, g.oh, 8, ZT_FILTER_HERMITE)));
     EXPECT_TRUE(Near(pull(scale.get(), ScaleGetNextScanline), run(in, g.ow, g.oh, 8, ZT_FILTER_TRIANGLE)));
     EXPECT_TRUE(Near(pull(lanczos.get(), ScaleGetNextScanline), run(in, g.ow, g.oh, 8, ZT_FILTER_LANCZOS3)));
@@ -695,11 +692,9 @@ TEST(ScaleTest, DefaultFiltersSetFilterAndTheScaleEntry) {
   ASSERT_TRUE(resample && scale);
   LogCapture log;
   EXPECT_EQ(resampleFilteredSetFilter(resample.get(), 18), -1);
-  EXPECT_EQ(log.count(), 1u);
+  log.expect_one("Uknown filter type requested");
   ASSERT_EQ(resampleFilteredSetFilter(resample.get(), ZT_FILTER_MITCHELL), 0);
   ASSERT_EQ(FilteredScaleSetFilter(scale.get(), ZT_FILTER_MITCHELL), 0);
-  EXPECT_EQ(resample->filterId, uint32_t{ZT_FILTER_MITCHELL});
-  EXPECT_EQ(resample->support, 2.0);
   const Image want = run(in, 45, 11, 16, ZT_FILTER_MITCHELL);
   EXPECT_TRUE(Near(pull(resample.get()), want));
   EXPECT_TRUE(Near(pull(scale.get(), ScaleGetNextScanline), want));

@@ -1,7 +1,8 @@
-// Halftone quality measures shared by the screening quality tests: the
-// Bartlett periodogram and its radial average, the cut-off ratio, the
-// low-frequency energy, the anisotropy excess, the worm index and
-// flat-patch helpers. Test-only; plain and slow is fine.
+// Halftone quality measures shared by the screening tests: the Bartlett
+// periodogram and its radial average, the cut-off ratio, the low-frequency
+// energy, the anisotropy excess, the worm index, flat-patch helpers, and the
+// settings and object holder every screening test starts from. Test-only;
+// plain and slow is fine.
 #pragma once
 
 #include <zt/screening.h>
@@ -10,9 +11,28 @@
 #include <complex>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace zt::test::halftone {
+
+inline ScreeningSettings settings_for(uint32_t mode, uint32_t levels = 2, uint32_t bits = 1) {
+  ScreeningSettings s{};
+  s.mode = mode;
+  s.levels = levels;
+  s.outputBits = bits;
+  s.linesPerInch = 150;
+  s.resolutionX = s.resolutionY = 600;
+  return s;
+}
+
+struct ObjectDeleter {
+  void operator()(ScreeningObject *o) const { DestroyScreeningObject(o); }
+};
+using Object = std::unique_ptr<ScreeningObject, ObjectDeleter>;
+
+// Bit x of a one-bit plane, first pixel in the high bit.
+inline bool bit(const uint8_t *plane, uint32_t x) { return ((plane[x >> 3] >> (7 - (x & 7))) & 1) != 0; }
 
 using Complex = std::complex<double>;
 

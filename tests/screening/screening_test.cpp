@@ -3,7 +3,6 @@
 // stochastic cache on an injected clock), the refusals with their messages,
 // the VRFS reader, and the whole-image 16-to-8 path.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <zt/dither.h>
 #include <zt/init.h>
 #include <zt/random.h>
@@ -12,10 +11,12 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "screening/screening_metrics.h"
 #include "support/test_support.h"
 
 namespace {
@@ -23,42 +24,26 @@ namespace {
 using zt::test::LibraryScope;
 using zt::test::LogCapture;
 using zt::test::TempDir;
-
-ScreeningSettings settings_for(uint32_t mode, uint32_t levels = 2, uint32_t bits = 1) {
-  ScreeningSettings s{};
-  s.mode = mode;
-  s.levels = levels;
-  s.outputBits = bits;
-  s.linesPerInch = 150;
-  s.resolutionX = s.resolutionY = 600;
-  return s;
-}
-
-struct ObjectDeleter {
-  void operator()(ScreeningObject *o) const { DestroyScreeningObject(o); }
-};
-using Object = std::unique_ptr<ScreeningObject, ObjectDeleter>;
-
-bool bit(const uint8_t *plane, uint32_t x) { return ((plane[x >> 3] >> (7 - (x & 7))) & 1) != 0; }
+using zt::test::halftone::bit;
+using zt::test::halftone::Object;
+using zt::test::halftone::settings_for;
+using Levels = std::vector<uint16_t>;
 
 TEST(ScreeningLevels, EvenlySpacedFromTheTextsNumbers) {
   uint16_t t[256], d[256], c[256];
-  ASSERT_EQ(GeneratePixelThresholds(2, t, 8), 0);
-  ASSERT_EQ(GeneratePixelDensities(2, d, 8), 0);
-  EXPECT_EQ(t[0], 0);
-  EXPECT_EQ(t[1], 128);
-  EXPECT_EQ(d[0], 0);
-  EXPECT_EQ(d[1], 255);
   // Three levels: s = 127.5, so the middle density rounds up and the
   // thresholds sit half-way.
-  GeneratePixelThresholds(3, t, 8);
-  GeneratePixelDensities(3, d, 8);
-  EXPECT_EQ(std::vector<uint16_t>(t, t + 3), (std::vector<uint16_t>{0, 64, 191}));
-  EXPECT_EQ(std::vector<uint16_t>(d, d + 3), (std::vector<uint16_t>{0, 128, 255}));
-  GeneratePixelThresholds(4, t, 16);
-  GeneratePixelDensities(4, d, 16);
-  EXPECT_EQ(std::vector<uint16_t>(t, t + 4), (std::vector<uint16_t>{0, 10923, 32768, 54613}));
-  EXPECT_EQ(std::vector<uint16_t>(d, d + 4), (std::vector<uint16_t>{0, 21845, 43690, 65535}));
+  struct Row {
+    uint32_t levels, bits;
+    Levels thresholds, densities;
+  };
+  for (const Row &r : {Row{2, 8, {0, 128}, {0, 255}}, Row{3, 8, {0, 64, 191}, {0, 128, 255}},
+                       Row{4, 16, {0, 10923, 32768, 54613}, {0, 21845, 43690, 65535}}}) {
+    ASSERT_EQ(GeneratePixelThresholds(r.levels, t, r.bits), 0);
+    ASSERT_EQ(GeneratePixelDensities(r.levels, d, r.bits), 0);
+    EXPECT_EQ(Levels(t, t + r.levels), r.thresholds) << r.levels;
+    EXPECT_EQ(Levels(d, d + r.levels), r.densities) << r.levels;
+  }
   // Where doubles and exact fractions part, the doubles hold: 255/21 * 10.5
   // is 127.49999... in doubles, 127.5 exactly.
   GeneratePixelThresholds(22, t, 8);
@@ -67,7 +52,7 @@ TEST(ScreeningLevels, EvenlySpacedFromTheTextsNumbers) {
   EXPECT_EQ(d[25], 127);
   EXPECT_EQ(d[45], 229);
   GeneratePixelDotsizes(5, c);
-  for (uint16_t i = 0; i < 5; ++i) EXPECT_EQ(c[i], i);
+  EXPECT_EQ(Levels(c, c + 5), (Levels{0, 1, 2, 3, 4}));
   // Every count: thresholds rise strictly and lie between their densities.
   for (uint32_t levels = 2; levels <= 256; ++levels) {
     GeneratePixelThresholds(levels, t, 8);
@@ -105,22 +90,17 @@ TEST(ScreeningLevels, PaperProfileVariantsAndTheirChecks) {
     EXPECT_EQ(d[0], 0) << source;
     EXPECT_EQ(d[3], 255) << source;
     EXPECT_EQ(t[0], 0);
-    for (int i = 1; i < 4; ++i)
-      EXPECT_EQ(t[i], static_cast<uint16_t>(std::floor(0.5 + d[i - 1] + (d[i] - d[i - 1]) * 0.5)));
-    EXPECT_EQ(std::vector<uint16_t>(c, c + 4), (std::vector<uint16_t>{0, 1, 3, 2}));
-    std::free(t);
-    std::free(d);
-    std::free(c);
+    // Each threshold half-way between the densities it parts.
+    for (int i = 1; i < 4; ++i) EXPECT_EQ(t[i], (d[i - 1] + d[i] + 1) / 2) << source;
+    EXPECT_EQ(Levels(c, c + 4), (Levels{0, 1, 3, 2}));
+    // V1 by hand: Yule-Nielsen with n = 1 is Murray-Davies on reflectance,
+    // so the drop of Y 0.5 between 0.9 and 0.04 sits at 46.5 % -> 119.
+    if (source == ZT_LEVELS_LAB_V1) {
+      EXPECT_EQ(d[1], 119);
+    }
+    for (uint16_t *p : {t, d, c}) std::free(p);
   }
-  // V1 by hand: Yule-Nielsen with n = 1 is Murray-Davies on reflectance, so
-  // the drop of Y 0.5 between 0.9 and 0.04 sits at 46.5 % -> 119.
-  s.levelSource = ZT_LEVELS_LAB_V1;
   uint16_t *t = nullptr, *d = nullptr, *c = nullptr;
-  ASSERT_EQ(GeneratePixelThresholdsAndDensities(&s, 4, &t, &d, &c, 8), 0);
-  EXPECT_EQ(d[1], static_cast<uint16_t>(std::floor(255 * (0.9 - 0.5) / (0.9 - 0.04) + 0.5)));
-  std::free(t);
-  std::free(d);
-  std::free(c);
 
   // Two drops of the same density: refused, nothing survives.
   ScreeningDrop same[4] = {drops[0], drops[1], drops[1], drops[3]};
@@ -175,17 +155,17 @@ TEST(ScreeningCells, FixedCellSpotBoundariesAndTiling) {
 
   // Shape 4: s = 0.75 takes the middle formula, s = 1.25 the outer one;
   // shape 5: s = 1 the inner one. The 0.85 and 0.7 weights stay.
-  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.5, 0.25), 1.0 - 0.85 * 0.5 - 0.25);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.25, 0.5), 1.0 - 0.85 * 0.25 - 0.5);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.75, 0.5), 0.25 * 0.25 + 0.5 * 0.5 - 1.0);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(4, 0.25, 0.25), 1.0 - 0.0625 - 0.0625);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(5, 0.5, 0.5), 0.5);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(5, 0.75, 0.5), 0.0625 + 0.25 - 1.0);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(9, 0.5, 0.5), 0.5);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(2, 0.5, -0.5), 1.0 - 0.25 - 0.7 * 0.25);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(3, -0.5, 0.5), 0.25 + 0.7 * 0.25 - 1.0);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(6, 0.3, -0.4), 0.6);
-  EXPECT_DOUBLE_EQ(screeningSpotValue(1, 0.3, 0.4), 0.09 + 0.16 - 1.0);
+  struct Spot {
+    uint32_t shape;
+    double x, y, value;
+  };
+  for (const Spot &p :
+       {Spot{4, 0.5, 0.25, 1.0 - 0.85 * 0.5 - 0.25}, Spot{4, 0.25, 0.5, 1.0 - 0.85 * 0.25 - 0.5},
+        Spot{4, 0.75, 0.5, 0.25 * 0.25 + 0.5 * 0.5 - 1.0}, Spot{4, 0.25, 0.25, 1.0 - 0.125},
+        Spot{5, 0.5, 0.5, 0.5}, Spot{5, 0.75, 0.5, 0.0625 + 0.25 - 1.0}, Spot{9, 0.5, 0.5, 0.5},
+        Spot{2, 0.5, -0.5, 1.0 - 0.25 - 0.7 * 0.25}, Spot{3, -0.5, 0.5, 0.25 + 0.7 * 0.25 - 1.0},
+        Spot{6, 0.3, -0.4, 0.6}, Spot{1, 0.3, 0.4, 0.09 + 0.16 - 1.0}})
+    EXPECT_DOUBLE_EQ(screeningSpotValue(p.shape, p.x, p.y), p.value) << p.shape << " " << p.x << " " << p.y;
 
   // The rational cell reports exactly the formula of its vector, and the
   // matrix repeats with its own size.
@@ -318,6 +298,7 @@ TEST(ScreeningErrorDiffusion, ShortChainLoopMatchesThePixelWalk) {
         }
 }
 
+// (The 1-px line on paper, for every mode, is in the quality suite.)
 TEST(ScreeningErrorDiffusion, ZeroPixelsEdgesAndLongPages) {
   LibraryScope library;
   ZT_randomSeed(11);
@@ -326,28 +307,13 @@ TEST(ScreeningErrorDiffusion, ZeroPixelsEdgesAndLongPages) {
     Object o(CreateScreeningObject(&s, 257, 8));
     ASSERT_NE(o, nullptr);
     std::vector<uint8_t> in(257), out(o->outputBytes);
-    // Zero pixels never print, whatever the carry from dark neighbours; a
-    // 1-px line at full ink on paper prints unbroken.
+    // Zero pixels never print, whatever the carry from dark neighbours.
     for (uint32_t y = 0; y < 200; ++y) {
       for (uint32_t x = 0; x < 257; ++x)
         in[x] = (x % 3 == 0) ? 0 : (x == 100 ? 255 : static_cast<uint8_t>(200 + x % 50));
       o->screenScanline(o.get(), in.data(), out.data(), 257, y);
       for (uint32_t x = 0; x < 257; x += 3)
         for (uint32_t p = 0; p < 2; ++p) ASSERT_FALSE(bit(out.data() + p * o->bytesPerPlane, x)) << x;
-    }
-    Object line(CreateScreeningObject(&s, 64, 8));
-    std::vector<uint8_t> ground(64, 0), lout(line->outputBytes);
-    ground[31] = 255;
-    for (uint32_t y = 0; y < 64; ++y) {
-      line->screenScanline(line.get(), ground.data(), lout.data(), 64, y);
-      uint32_t code = 0;
-      for (uint32_t p = 0; p < 2; ++p) code |= bit(lout.data() + p * line->bytesPerPlane, 31) << p;
-      ASSERT_EQ(code, line->dotCodes[levels - 1]) << y;
-      for (uint32_t x = 0; x < 64; ++x) {
-        if (x != 31) {
-          ASSERT_FALSE(bit(lout.data(), x));
-        }
-      }
     }
   }
   // 20,000 lines of a flat patch: the 16 columns at each edge keep the tone
@@ -434,10 +400,6 @@ TEST(ScreeningObjects, LinearisationAndInkLimitReachTheInput) {
   EXPECT_EQ(in[2], 33);
   EXPECT_EQ(in[0], 0);
   EXPECT_EQ(in[3], 128);  // full ink limited to half
-  s.linearisationPoints = 0;
-  s.inkLimit = 0;
-  Object plain(CreateScreeningObject(&s, 8, 8));
-  EXPECT_EQ(plain->inputLut, nullptr);
 }
 
 int64_t g_now = 1000;
@@ -455,27 +417,20 @@ TEST(ScreeningCache, ReferencesIdleTimeAndCrowding) {
   s.mode = ZT_SCREEN_STOCHASTIC_B;
   Object c(CreateScreeningObject(&s, 16, 16));
   EXPECT_EQ(screeningCacheCount(), before + 2);
+  auto purge_after = [&](int64_t seconds, uint32_t held) {
+    g_now += seconds;
+    screeningCachePurge();
+    EXPECT_EQ(screeningCacheCount(), before + held) << "at " << g_now;
+  };
   a.reset();
-  g_now += 500;
-  screeningCachePurge();  // b still holds the table
-  EXPECT_EQ(screeningCacheCount(), before + 2);
-  b.reset();  // released at 1500
-  g_now += 119;
-  screeningCachePurge();
-  EXPECT_EQ(screeningCacheCount(), before + 2);
-  g_now += 2;  // 121 s idle
-  screeningCachePurge();
-  EXPECT_EQ(screeningCacheCount(), before + 1);
-  // A referenced entry outlives any idle time.
-  g_now += 10000;
-  screeningCachePurge();
-  EXPECT_EQ(screeningCacheCount(), before + 1);
+  purge_after(500, 2);  // b still holds the table
+  b.reset();            // released at 1500
+  purge_after(119, 2);
+  purge_after(2, 1);      // 121 s idle
+  purge_after(10000, 1);  // a referenced entry outlives any idle time
   c.reset();
-  screeningCachePurge();  // just released: kept
-  EXPECT_EQ(screeningCacheCount(), before + 1);
-  g_now += 121;
-  screeningCachePurge();
-  EXPECT_EQ(screeningCacheCount(), before);
+  purge_after(0, 1);  // just released: kept
+  purge_after(121, 0);
   screeningCacheSetClock(nullptr);
 }
 
@@ -483,9 +438,7 @@ TEST(ScreeningVRFS, FilesAndEveryBadOne) {
   LibraryScope library;
   TempDir root;
   ASSERT_EQ(ZTSetVariables(root.path().c_str()), 0);
-  ASSERT_EQ(::mkdir((root.path() + "/lib").c_str(), 0755), 0);
-  ASSERT_EQ(::mkdir((root.path() + "/lib/screens").c_str(), 0755), 0);
-  ASSERT_EQ(::mkdir((root.path() + "/lib/screens/vrfs").c_str(), 0755), 0);
+  ASSERT_TRUE(std::filesystem::create_directories(root.path() + "/lib/screens/vrfs"));
   const std::string dir = root.path() + "/lib/screens/vrfs/";
   zt::test::write_file(dir + "dots.vrfs", "3 2\n00 80 fe\n40 c0 10\n");
   ScreeningSettings s = settings_for(ZT_SCREEN_VRFS);
@@ -537,38 +490,26 @@ TEST(ScreeningWholeImage, SixteenToEightByErrorDiffusion) {
     EXPECT_EQ(ditherSetupImage(&ctx, 8, 3, 8, 100), -1);
     EXPECT_TRUE(capture.contains("8 bpp to 8 bpp transformation not implemented"));
   }
-  const uint32_t width = 300, stride = 320, channels = 3;
-  ASSERT_EQ(ditherSetupImage(&ctx, 16, channels, 8, width), 0);
+  const uint32_t width = 300, stride = 320, lines = 64;
+  ASSERT_EQ(ditherSetupImage(&ctx, 16, 3, 8, width), 0);
   EXPECT_EQ(ctx.method, 5u);
-  ASSERT_EQ(ctx.channelCount, channels);
-  std::vector<uint16_t> in(stride * channels);
-  std::vector<uint8_t> out(stride * channels);
-  std::vector<double> sum(channels * width, 0.0);
   const uint16_t tones[3] = {0, 300, 40000};
-  const uint32_t lines = 64;
+  std::vector<uint16_t> in(stride * 3);
+  std::vector<uint8_t> out(stride * 3);
+  double sum[3] = {};
   for (uint32_t y = 0; y < lines; ++y) {
-    for (uint32_t c = 0; c < channels; ++c)
-      for (uint32_t x = 0; x < width; ++x) in[c * stride + x] = tones[c];
+    for (uint32_t c = 0; c < 3; ++c) std::fill_n(in.begin() + c * stride, width, tones[c]);
     ASSERT_EQ(ditherImage16To8(&ctx, out.data(), in.data(), width, stride), 0);
-    for (uint32_t c = 0; c < channels; ++c)
-      for (uint32_t x = 0; x < width; ++x) sum[c * width + x] += out[c * stride + x];
+    for (uint32_t c = 0; c < 3; ++c)
+      for (uint32_t x = 0; x < width; ++x) sum[c] += out[c * stride + x];
   }
   EXPECT_EQ(ctx.lineNumber, lines);
-  for (uint32_t c = 0; c < channels; ++c) {
-    double mean = 0;
-    for (uint32_t x = 0; x < width; ++x) mean += sum[c * width + x];
-    mean /= width * lines;
-    // The mean byte keeps the 16-bit tone to a small part of one 8-bit step.
-    EXPECT_NEAR(mean, tones[c] / 257.0, 0.02) << c;
-  }
+  // The mean byte keeps the 16-bit tone to a small part of one 8-bit step.
+  for (uint32_t c = 0; c < 3; ++c) EXPECT_NEAR(sum[c] / (width * lines), tones[c] / 257.0, 0.02) << c;
   ditherCleanup(&ctx, 0);
   EXPECT_EQ(ctx.channelScreens, nullptr);
   ditherCleanup(nullptr, 0);
 }
-
-}  // namespace
-
-namespace {
 
 // Four channels on the default queue give the bytes of four channels screened
 // one after another: each channel's lines stay in order on one worker.
@@ -576,6 +517,10 @@ TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
   LibraryScope library;
   const uint32_t width = 1000, lines = 40, channels = 4;
   std::vector<Object> serial, parallel;
+  std::vector<std::vector<uint8_t>> in(channels), out_a(channels), out_b(channels);
+  std::vector<ScreeningObject *> objects;
+  std::vector<void *> inputs;
+  std::vector<uint8_t *> outputs;
   for (uint32_t c = 0; c < channels; ++c) {
     ScreeningSettings s = settings_for(c % 2 == 0 ? ZT_SCREEN_STOCHASTIC : ZT_SCREEN_BLUE_NOISE, 4, 2);
     s.channel = c;
@@ -584,29 +529,21 @@ TEST(ScreeningChannelsMT, ParallelChannelsMatchSerial) {
     if (serial[c]->weightTable != nullptr)
       parallel[c]->weightCursor =
           parallel[c]->weightTable + (serial[c]->weightCursor - serial[c]->weightTable);
-  }
-  const size_t out_stride = serial[0]->outputBytes;
-  std::vector<std::vector<uint8_t>> in(channels), in_copy(channels), out_a(channels), out_b(channels);
-  for (uint32_t c = 0; c < channels; ++c) {
+    const size_t stride = serial[c]->outputBytes;
     in[c].resize(size_t(width) * lines);
     for (size_t i = 0; i < in[c].size(); ++i) in[c][i] = static_cast<uint8_t>((i * (c + 3) / 7) & 0xFF);
-    in_copy[c] = in[c];
-    out_a[c].resize(out_stride * lines);
-    out_b[c].resize(out_stride * lines);
+    out_a[c].resize(stride * lines);
+    out_b[c].resize(stride * lines);
+    std::vector<uint8_t> copy = in[c];  // screening may rewrite its input in place
     for (uint32_t y = 0; y < lines; ++y)
-      serial[c]->screenScanline(serial[c].get(), in[c].data() + size_t(y) * width,
-                                out_a[c].data() + y * out_stride, width, y);
-  }
-  std::vector<ScreeningObject *> objects;
-  std::vector<void *> inputs;
-  std::vector<uint8_t *> outputs;
-  for (uint32_t c = 0; c < channels; ++c) {
+      serial[c]->screenScanline(serial[c].get(), copy.data() + size_t(y) * width,
+                                out_a[c].data() + y * stride, width, y);
     objects.push_back(parallel[c].get());
-    inputs.push_back(in_copy[c].data());
+    inputs.push_back(in[c].data());
     outputs.push_back(out_b[c].data());
   }
   ASSERT_EQ(screeningScreenChannelLines(objects.data(), channels, inputs.data(), width, outputs.data(),
-                                        out_stride, width, 0, lines),
+                                        serial[0]->outputBytes, width, 0, lines),
             0);
   for (uint32_t c = 0; c < channels; ++c) EXPECT_EQ(out_a[c], out_b[c]) << c;
   LogCapture capture;

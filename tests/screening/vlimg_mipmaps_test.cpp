@@ -27,12 +27,8 @@ Image make_image(uint32_t w, uint32_t h, uint32_t planes, uint32_t bits) {
   return im;
 }
 
-struct MemSource {
-  const Image *im;
-};
-
 int32_t read_mem(void *user, ScanlineBuf *dst, uint32_t line) {
-  const Image &im = *static_cast<MemSource *>(user)->im;
+  const Image &im = *static_cast<const Image *>(user);
   const uint32_t bps = im.bits / 8;
   const uint8_t *row = im.px.data() + size_t{line} * im.width * im.planes * bps;
   for (uint32_t c = 0; c < im.planes; ++c)
@@ -46,9 +42,9 @@ Image halve(const Image &im) {
   Image out{(im.width + 1) / 2, (im.height + 1) / 2, im.planes, im.bits, {}};
   const uint32_t bps = im.bits / 8;
   out.px.resize(size_t{out.width} * out.height * im.planes * bps);
-  MemSource src{&im};
-  ResampleContext *ctx = resampleInit(ZT_RESAMPLE_FILTERED, im.width, im.height, out.width, out.height,
-                                      im.planes, im.bits, im.bits, read_mem, nullptr, nullptr, &src);
+  ResampleContext *ctx =
+      resampleInit(ZT_RESAMPLE_FILTERED, im.width, im.height, out.width, out.height, im.planes, im.bits,
+                   im.bits, read_mem, nullptr, nullptr, const_cast<Image *>(&im));
   ScanlineBuf *line = scanlinebufAlloc(ZT_INTERLEAVE_BY_LINE, im.bits, im.planes, 0, out.width, 1, 0);
   for (uint32_t y = 0; y < out.height; ++y) {
     EXPECT_EQ(resampleGetNextScanline(ctx, line), 0);
@@ -67,11 +63,12 @@ void write_image(const std::string &name, int32_t mode, const Image &im, uint32_
   VLIMG_File *f = VLIMG_Open(name.c_str(), mode);
   ASSERT_NE(f, nullptr);
   std::vector<uint32_t> bpp(im.planes, im.bits);
-  VLIMG_SetField(f, VLIMG_TAG_WIDTH, &im.width);
-  VLIMG_SetField(f, VLIMG_TAG_HEIGHT, &im.height);
-  VLIMG_SetField(f, VLIMG_TAG_COMPRESSION, &compression);
-  VLIMG_SetField(f, VLIMG_TAG_IMAGETYPE, &type);
-  VLIMG_SetField(f, VLIMG_TAG_BPP_ARRAY, bpp.data());
+  const uint32_t fields[][2] = {{VLIMG_TAG_WIDTH, im.width},
+                                {VLIMG_TAG_HEIGHT, im.height},
+                                {VLIMG_TAG_COMPRESSION, compression},
+                                {VLIMG_TAG_IMAGETYPE, type}};
+  for (const auto &[tag, value] : fields) ASSERT_EQ(VLIMG_SetField(f, tag, &value), 0) << tag;
+  ASSERT_EQ(VLIMG_SetField(f, VLIMG_TAG_BPP_ARRAY, bpp.data()), 0);
   const size_t line = size_t{im.width} * im.planes * im.bits / 8;
   if (tile) {
     // One tile over the whole width keeps the test's tile cutting trivial.
