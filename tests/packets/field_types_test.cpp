@@ -47,26 +47,12 @@ extern "C" void *realloc(void *p, size_t n) {
 
 namespace {
 
-using zt::test::body_of;
+using zt::test::array_of;
+using zt::test::encode_item;
+using zt::test::new_child;
 using zt::test::packet_of;
 using zt::test::PacketMemoryPtr;
 using FieldTypes = zt::test::PacketsTest;
-
-template <typename T>
-T *array_of(std::initializer_list<T> values) {
-  T *a = static_cast<T *>(std::calloc(values.size(), sizeof(T)));
-  size_t i = 0;
-  for (T v : values) a[i++] = v;
-  return a;
-}
-
-ZTTestChild *new_child(uint32_t id, const char *label, double value) {
-  auto *c = static_cast<ZTTestChild *>(std::calloc(1, sizeof(ZTTestChild)));
-  c->id = id;
-  c->label = strdup(label);
-  c->value = value;
-  return c;
-}
 
 // Every field of every type set, every array two long.
 ZTTestAll *full_item() {
@@ -122,12 +108,6 @@ ZTTestAll *full_item() {
   return a;
 }
 
-std::string encode(const void *item, uint32_t cls) {
-  PacketMemoryPtr pm(InitAllocPacketMemory(0));
-  EXPECT_EQ(MakePacketDataFromItem(pm.get(), item, cls), 0);
-  return body_of(pm.get());
-}
-
 // Each field type, one change to a copy: the copy must be deep (the original
 // keeps its value), the comparison must see the change, and the changed item
 // must survive the text and come back equal to itself.
@@ -165,7 +145,7 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
       {"array31", [](ZTTestAll &a) { a.t31_count = 1; }},
   };
   ZTTestAll *original = full_item();
-  const std::string original_text = encode(original, ZT_CLASS_TEST_ALL);
+  const std::string original_text = encode_item(original, ZT_CLASS_TEST_ALL);
   for (const auto &[name, change] : changes) {
     SCOPED_TRACE(name);
     auto *copy = static_cast<ZTTestAll *>(DuplicatePacketItem(ZT_CLASS_TEST_ALL, original));
@@ -173,14 +153,14 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
     EXPECT_EQ(ComparePacketItem(original, copy, ZT_CLASS_TEST_ALL), 1);
     change(*copy);
     EXPECT_EQ(ComparePacketItem(original, copy, ZT_CLASS_TEST_ALL), 0);
-    EXPECT_EQ(encode(original, ZT_CLASS_TEST_ALL), original_text);
-    const std::string text = encode(copy, ZT_CLASS_TEST_ALL);
+    EXPECT_EQ(encode_item(original, ZT_CLASS_TEST_ALL), original_text);
+    const std::string text = encode_item(copy, ZT_CLASS_TEST_ALL);
     EXPECT_NE(text, original_text);
     PacketMemoryPtr pm = packet_of(text);
     auto *back = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));
     ASSERT_NE(back, nullptr);
     EXPECT_EQ(ComparePacketItem(copy, back, ZT_CLASS_TEST_ALL), 1);
-    EXPECT_EQ(encode(back, ZT_CLASS_TEST_ALL), text);
+    EXPECT_EQ(encode_item(back, ZT_CLASS_TEST_ALL), text);
     ZTPacketFreeItem(back, ZT_CLASS_TEST_ALL);
     // The array cut short above still owns both elements' memory.
     ZTPacketFreeItem(copy, ZT_CLASS_TEST_ALL);
@@ -231,7 +211,7 @@ TEST_F(FieldTypes, RowsWithoutACoderFailAndUnknownTypesAreIgnored) {
   ASSERT_EQ(ZTAddStorageClass(&d, 400), 0);
   Rec r{};
   r.a = 0xa;
-  EXPECT_EQ(encode(&r, 400), "SI 190\n1 a\nTI 0\n");
+  EXPECT_EQ(encode_item(&r, 400), "SI 190\n1 a\nTI 0\n");
   Rec other = r;
   other.spare = 1;  // not in the table, so not compared
   EXPECT_EQ(ComparePacketItem(&r, &other, 400), 1);
@@ -255,12 +235,6 @@ TEST_F(FieldTypes, RowsWithoutACoderFailAndUnknownTypesAreIgnored) {
   EXPECT_EQ(ComparePacketItem(&r, &other, 401), 1);
 }
 
-}  // namespace
-
-namespace {
-
-using FieldTypes = zt::test::PacketsTest;
-
 // A binary count whose doubled digit count wraps past 2^64 must be refused
 // like any count the line cannot hold, not handed to the allocator.
 TEST_F(FieldTypes, BinaryCountsThatWrapAreRefusedByTheirLine) {
@@ -271,15 +245,11 @@ TEST_F(FieldTypes, BinaryCountsThatWrapAreRefusedByTheirLine) {
   };
   for (const char *body : bodies) {
     SCOPED_TRACE(body);
-    zt::test::PacketMemoryPtr pm = zt::test::packet_of(body);
+    PacketMemoryPtr pm = packet_of(body);
     EXPECT_EQ(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL), nullptr);
     expect_one_log("and encountered invalid character: 0a");
   }
 }
-
-}  // namespace
-
-namespace {
 
 // A run announces its count before its items; the run grows as they arrive,
 // doubling, so 95,000 items in a 1 MiB body cost a few dozen reallocations,
@@ -292,7 +262,7 @@ TEST_F(FieldTypes, RunsGrowGeometricallyAsTheirItemsArrive) {
   std::string body = head;
   for (uint32_t i = 0; i < kItems; ++i) body += "SI 64\nTI 0\n";
   body += "TI 0\n";
-  zt::test::PacketMemoryPtr pm = zt::test::packet_of(body);
+  PacketMemoryPtr pm = packet_of(body);
   g_reallocs = 0;
   g_count_reallocs = true;
   auto *a = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));
