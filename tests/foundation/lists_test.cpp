@@ -1,6 +1,5 @@
-#include <zt/lists.h>
-
 #include <gtest/gtest.h>
+#include <zt/lists.h>
 
 #include <cstdlib>
 #include <cstring>
