@@ -1,8 +1,6 @@
-#include "packets/packets_fixture.h"
-
-#include <zt/packets.h>
-
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <zt/packets.h>
 
 #include <atomic>
 #include <cstddef>
@@ -13,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
+#include "packets/packets_fixture.h"
 
 // The run test below counts the library's reallocations through this
 // interposed realloc. Sanitizer runtimes own the allocator, so their builds
@@ -132,7 +130,8 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
 TEST_F(FieldTypes, RepeatedTagsReplaceAndFreedFieldsAreCleared) {
   PacketMemoryPtr pm = packet_of(
       "SI 65\n9 one\n9 two\n17 1 5\n17 2 6 7\n22 1 aa\n22 1 bb\n23 1 1 x\n23 1 1 y\n"
-      "11 0\nSL 64\nSI 64\n2 p\nTI 0\nTL 0\n11 0\nSL 64\nTL 0\n12 1\nSI 64\n2 q\nTI 0\n12 1\nSI 64\n1 3\nTI 0\nTI 0\n");
+      "11 0\nSL 64\nSI 64\n2 p\nTI 0\nTL 0\n11 0\nSL 64\nTL 0\n12 1\nSI 64\n2 q\nTI 0\n12 1\nSI 64\n1 3\nTI "
+      "0\nTI 0\n");
   auto *a = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));
   ASSERT_NE(a, nullptr);
   EXPECT_STREQ(a->t9, "two");
@@ -176,7 +175,8 @@ TEST_F(FieldTypes, RowsWithoutACoderFailAndUnknownTypesAreIgnored) {
   PacketMemoryPtr pm = packet_of("SI 190\n1 b\n2 x\nTI 0\n");
   void *back = MakeItemFromPacket(pm.get(), 400);
   ASSERT_NE(back, nullptr);
-  expect_one_log("Packet lineno: 3 Tag 2 For Item Id 190(Future) Not Recognised (outside range) Ignoring This Tag");
+  expect_one_log(
+      "Packet lineno: 3 Tag 2 For Item Id 190(Future) Not Recognised (outside range) Ignoring This Tag");
   ZTPacketFreeItem(back, 400);
 
   ZTFieldDesc none[] = {{ZT_FT_UINT32B, 1, "A", 0, 0, 0, 0, offsetof(Rec, a), 0},

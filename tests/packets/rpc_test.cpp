@@ -1,29 +1,25 @@
-#include "packets/packets_fixture.h"
-
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zt/membuf.h>
 #include <zt/packets.h>
+#include <zt/threadpool.h>
 #include <zt/ztrpc.h>
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <zt/threadpool.h>
+#include "packets/packets_fixture.h"
 
 namespace {
 
@@ -77,10 +73,11 @@ TEST_F(Rpc, ItemsAreWrittenByteExactAndReadBack) {
   ASSERT_EQ(ZTRPC_WriteString(p.client, "name with blanks"), 0);
   ASSERT_EQ(ZTRPC_WriteFlush(p.client), 0);
   EXPECT_EQ(ZT_MemBufSize(p.client->output), 0u);
-  const std::string expected = item_bytes(2, 4, std::string("\0\0\0\1", 4)) + item_bytes(5, 0, "") +
-                               item_bytes(10, 8, std::string("\0\0\0\2\0\0\0\1", 8)) +
-                               item_bytes(1, 4, "\xff\xff\xff\xfe") + item_bytes(11, 8, "\1\2\3\4\5\6\7\x08") +
-                               item_bytes(7, 4, std::string("\0\0\xab\xcd", 4)) + item_bytes(5, 16, "name with blanks");
+  const std::string expected =
+      item_bytes(2, 4, std::string("\0\0\0\1", 4)) + item_bytes(5, 0, "") +
+      item_bytes(10, 8, std::string("\0\0\0\2\0\0\0\1", 8)) + item_bytes(1, 4, "\xff\xff\xff\xfe") +
+      item_bytes(11, 8, "\1\2\3\4\5\6\7\x08") + item_bytes(7, 4, std::string("\0\0\xab\xcd", 4)) +
+      item_bytes(5, 16, "name with blanks");
   EXPECT_EQ(raw_input(p.conn, expected.size()), expected);
 
   uint32_t u = 0, code = 0;
@@ -171,7 +168,8 @@ TEST_F(Rpc, AnnouncedLengthsAreCheckedBeforeAllocation) {
     RpcPair p;
     ASSERT_TRUE(p.ok());
     const std::string wire = item_bytes(5, c.length, c.accepted ? std::string(c.length, 's') : "");
-    ASSERT_EQ(::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL), static_cast<ssize_t>(wire.size()));
+    ASSERT_EQ(::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(wire.size()));
     EXPECT_EQ(ZTRPC_ReadSkipItem(p.conn), c.accepted ? 5 : -1);
     if (c.accepted)
       expect_no_log();
@@ -185,9 +183,10 @@ TEST_F(Rpc, AnnouncedLengthsAreCheckedBeforeAllocation) {
     std::string packet;
     if (c.length == 1024) {
       const std::string body = "SI 64\n2 " + std::string(962, 'L') + "\nTI 0\n";
-      packet = item_bytes(6, 1024, item_bytes(2, 4, std::string("\0\0\0\x64", 4)) +
-                                       item_bytes(2, 4, std::string(4, '\0')) +
-                                       item_bytes(2, 4, std::string("\0\0\3\xd0", 4)) + body);
+      packet =
+          item_bytes(6, 1024,
+                     item_bytes(2, 4, std::string("\0\0\0\x64", 4)) + item_bytes(2, 4, std::string(4, '\0')) +
+                         item_bytes(2, 4, std::string("\0\0\3\xd0", 4)) + body);
     } else {
       packet = item_bytes(6, c.length, "");
     }
@@ -236,7 +235,8 @@ TEST_F(Rpc, FilesArriveWholeAndOnlyInsideTheDirectory) {
   // A name that climbs out is cut to its last component; "..", and a
   // symbolic link planted in the directory, are refused.
   auto send_named = [&](const std::string &path, const std::string &data) {
-    std::string wire = item_bytes(8, 0, "") + item_bytes(5, path.size(), path) + item_bytes(9, data.size(), data);
+    std::string wire =
+        item_bytes(8, 0, "") + item_bytes(5, path.size(), path) + item_bytes(9, data.size(), data);
     ::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL);
   };
   send_named("../../escape.txt", "abc");
@@ -336,7 +336,8 @@ TEST_F(Rpc, TricklingPeerMTIsDroppedWithinOneItemTimeout) {
   std::thread trickler([&] {
     for (size_t i = 0; i < wire.size() && !done.load(); ++i) {
       ::send(p.client->socket, wire.data() + i, 1, MSG_NOSIGNAL);
-      for (int t = 0; t < 10 && !done.load(); ++t) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      for (int t = 0; t < 10 && !done.load(); ++t)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   });
   uint32_t v = 0;
@@ -441,7 +442,8 @@ TEST_F(Rpc, StalledPeersMTOverThePoolCapGetNoMoreThreads) {
   while (finished.load() < static_cast<int>(kCap) && Clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(finished.load(), static_cast<int>(kCap));
-  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "Timeout after 3 seconds reading from socket");
+  for (const auto &line : log_.lines())
+    EXPECT_EQ(line.message, "Timeout after 3 seconds reading from socket");
   log_.clear();
   ZTRPC *good = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(listener), "tcp");
   ASSERT_NE(good, nullptr);
