@@ -61,8 +61,6 @@ TEST_F(Rpc, ItemsAreWrittenByteExactAndReadBack) {
   RpcPair p;
   ASSERT_TRUE(p.ok());
   EXPECT_EQ(p.conn->timeout, 60);
-  EXPECT_EQ(p.conn->state, ZT_RPC_CONNECTED);
-  ASSERT_NE(p.conn->host, nullptr);
   ZTKEY key{1, 2};
   ASSERT_EQ(ZTRPC_WriteULong(p.client, 1), 0);
   ASSERT_EQ(ZTRPC_WriteString(p.client, nullptr), 0);
