@@ -113,13 +113,8 @@ TEST_F(Rpc, ReadersCheckTypeAndStayInStep) {
   expect_one_log("Expected item type 1, got type 2 with 4 bytes");
   EXPECT_EQ(ZTRPC_ReadLong(p.conn, &l), 0);
   EXPECT_EQ(l, 6);
-  ZTRPC_SetTimeout(p.conn, 0);
+  ZTRPC_SetTimeout(p.conn, 0);  // no time-out means the default, not waiting for ever
   EXPECT_EQ(p.conn->timeout, 60);
-  ZTRPC_SetTimeout(p.conn, 1);
-  auto start = Clock::now();
-  EXPECT_EQ(ZTRPC_ReadLong(p.conn, &l), -1);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
-  expect_one_log("Timeout after 1 seconds reading from socket");
 }
 
 TEST_F(Rpc, PacketablesCarryItemsAndLists) {
