@@ -1,13 +1,11 @@
+#include <gtest/gtest.h>
 #include <zt/cpu.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <optional>
-#include <string>
 
 #include "foundation/simd_dispatch.h"
 #include "support/simd_levels.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -89,16 +87,10 @@ TEST(CpuDeathTest, EnvironmentForcesBaseline) {
   EXPECT_EQ(zt::simd_level_from_env(nullptr, ZT_SIMD_AVX2), ZT_SIMD_AVX2);
 
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const char *old = std::getenv("ZT_SIMD");
-  const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
   const int32_t best = ZT_SimdBestLevel();
-  setenv("ZT_SIMD", "baseline", 1);
+  zt::test::EnvScope forced("ZT_SIMD", "baseline");
   EXPECT_EXIT(std::exit(ZT_SimdLevel() == ZT_SIMD_BASELINE && ZT_SimdBestLevel() == best ? 0 : 1),
               testing::ExitedWithCode(0), "");
-  if (saved)
-    setenv("ZT_SIMD", saved->c_str(), 1);
-  else
-    unsetenv("ZT_SIMD");
 }
 
 }  // namespace

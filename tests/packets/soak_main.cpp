@@ -12,8 +12,12 @@
 // whole files as good senders sent them.
 //
 // ZT_SOAK_SECONDS (default 60) is the time under load over both runs.
-#include "support/packet_test_classes.h"
-
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <zt/init.h>
 #include <zt/log.h>
 #include <zt/packets.h>
@@ -29,6 +33,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <random>
@@ -38,30 +43,24 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "support/packet_test_classes.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr int32_t kTimeout = 5;          // seconds, servers and good clients alike
-constexpr int kClientsPerServer = 100;   // a quarter of each kind
-constexpr uint32_t kAskPacketable = 1;   // RPC request codes of this server
+constexpr int32_t kTimeout = 5;         // seconds, servers and good clients alike
+constexpr int kClientsPerServer = 100;  // a quarter of each kind
+constexpr uint32_t kAskPacketable = 1;  // RPC request codes of this server
 constexpr uint32_t kSendFile = 2;
-constexpr int kKeptFiles = 8;            // files the stalling senders name
-
-// ---------------------------------------------------------------- counters
+constexpr int kKeptFiles = 8;  // files the stalling senders name
 
 size_t count_entries(const char *dir) {
   size_t n = 0;
   std::error_code ec;
-  for (auto it = fs::directory_iterator(dir, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) ++n;
+  for (auto it = fs::directory_iterator(dir, ec); !ec && it != fs::directory_iterator(); it.increment(ec))
+    ++n;
   return n;
 }
 size_t open_descriptors() { return count_entries("/proc/self/fd"); }
@@ -72,7 +71,8 @@ long status_kib(const char *field) {
   std::string line;
   const size_t n = std::strlen(field);
   while (std::getline(in, line))
-    if (line.compare(0, n, field) == 0 && line.size() > n && line[n] == ':') return std::stol(line.substr(n + 1));
+    if (line.compare(0, n, field) == 0 && line.size() > n && line[n] == ':')
+      return std::stol(line.substr(n + 1));
   return -1;
 }
 
@@ -95,8 +95,6 @@ struct LogTally {
   }
 };
 
-// ---------------------------------------------------------------- servers
-
 struct Server;
 
 struct Connection {
@@ -118,11 +116,14 @@ struct Server {
   std::atomic<int> lowest_socket{1 << 30};
 };
 
-void note_socket(std::atomic<int> &lowest, int fd) {
-  int seen = lowest.load();
-  while (fd < seen && !lowest.compare_exchange_weak(seen, fd)) {
+// Moves `extreme` to `value` when `value` lies beyond it in the order `beyond`.
+template <typename T, typename Beyond = std::greater<T>>
+void stretch(std::atomic<T> &extreme, T value, Beyond beyond = {}) {
+  T seen = extreme.load();
+  while (beyond(value, seen) && !extreme.compare_exchange_weak(seen, value)) {
   }
 }
+void note_socket(std::atomic<int> &lowest, int fd) { stretch(lowest, fd, std::less<int>()); }
 
 // One packet request: a child item; the answer carries it back with field 1
 // one higher.
@@ -153,7 +154,8 @@ void serve_rpc(Connection *c) {
     void *record = nullptr;
     uint32_t cls = 0, flags = 0;
     if (ZTRPC_ReadPacketable(ch, &record, &cls, &flags) != 0) return;
-    if (cls == ZT_CLASS_TEST_CHILD && ZTRPC_WritePacketable(ch, record, cls, flags) == 0) ZTRPC_WriteFlush(ch);
+    if (cls == ZT_CLASS_TEST_CHILD && ZTRPC_WritePacketable(ch, record, cls, flags) == 0)
+      ZTRPC_WriteFlush(ch);
     if (flags & 1u) {
       auto *list = static_cast<ZTListNode *>(record);
       ZTPacketFreeList(&list, cls);
@@ -171,14 +173,8 @@ void serve_rpc(Connection *c) {
 void serve(void *argument, uint32_t *) {
   auto *c = static_cast<Connection *>(argument);
   Server *s = c->server;
-  const uint32_t now = s->serving.fetch_add(1) + 1;
-  uint32_t seen = s->peak_serving.load();
-  while (now > seen && !s->peak_serving.compare_exchange_weak(seen, now)) {
-  }
-  if (s->rpc)
-    serve_rpc(c);
-  else
-    serve_packet(c);
+  stretch(s->peak_serving, s->serving.fetch_add(1) + 1);
+  s->rpc ? serve_rpc(c) : serve_packet(c);
   ZTRPC_Destroy(c->channel);
   delete c;
   s->serving.fetch_sub(1);
@@ -228,8 +224,6 @@ void stop_server(Server &s) {
   s.listener = nullptr;
 }
 
-// ---------------------------------------------------------------- clients
-
 struct Load {
   int port_packet = 0;
   int port_rpc = 0;
@@ -237,7 +231,6 @@ struct Load {
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> good_sent{0};
   std::atomic<uint64_t> good_served{0};
-  std::atomic<uint64_t> good_late{0};
   std::atomic<int64_t> slowest_ms{0};
   std::atomic<int> lowest_socket{1 << 30};
   std::mutex files_mutex;
@@ -341,15 +334,9 @@ std::string rpc_request(uint32_t id) {
 }
 
 void record_good(Load &load, Clock::time_point start, bool ok) {
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  int64_t seen = load.slowest_ms.load();
-  while (ms > seen && !load.slowest_ms.compare_exchange_weak(seen, ms)) {
-  }
-  if (!ok) return;
-  if (ms <= kTimeout * 1000)
-    ++load.good_served;
-  else
-    ++load.good_late;
+  const int64_t ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+  stretch(load.slowest_ms, ms);
+  if (ok && ms <= kTimeout * 1000) ++load.good_served;
 }
 
 // Good clients use the library's own calls on their side too.
@@ -400,8 +387,9 @@ void good_rpc_client(Load &load, int index) {
         ZTTestChild *child = new_child(n, "soak rpc " + std::to_string(n));
         void *back = nullptr;
         uint32_t cls = 0, flags = 0;
-        if (ZTRPC_WriteRPC(ch, kAskPacketable) == 0 && ZTRPC_WritePacketable(ch, child, ZT_CLASS_TEST_CHILD, 0) == 0 &&
-            ZTRPC_WriteFlush(ch) == 0 && ZTRPC_ReadPacketable(ch, &back, &cls, &flags) == 0)
+        if (ZTRPC_WriteRPC(ch, kAskPacketable) == 0 &&
+            ZTRPC_WritePacketable(ch, child, ZT_CLASS_TEST_CHILD, 0) == 0 && ZTRPC_WriteFlush(ch) == 0 &&
+            ZTRPC_ReadPacketable(ch, &back, &cls, &flags) == 0)
           ok = ComparePacketItem(child, back, ZT_CLASS_TEST_CHILD) == 1;
         if (back != nullptr) ZTPacketFreeItem(back, ZT_CLASS_TEST_CHILD);
         ZTPacketFreeItem(child, ZT_CLASS_TEST_CHILD);
@@ -468,7 +456,8 @@ void stalling_client(Load &load, bool rpc, int port, int index) {
       } else {
         const std::string kept = "kept_" + std::to_string((index + n) % kKeptFiles) + ".dat";
         wire = rpc_u32(ZT_RPC_REQUEST, kSendFile) + rpc_item(ZT_RPC_FILE_START, 0, "") +
-               rpc_item(ZT_RPC_STRING, kept.size(), kept) + rpc_item(ZT_RPC_FILE_DATA, ZT_RPC_DEFAULT_FILE_LIMIT, "abc");
+               rpc_item(ZT_RPC_STRING, kept.size(), kept) +
+               rpc_item(ZT_RPC_FILE_DATA, ZT_RPC_DEFAULT_FILE_LIMIT, "abc");
       }
       send_bytes(fd, wire);
       wait_for_close(load, fd, kTimeout + 3);
@@ -497,11 +486,9 @@ void trickling_client(Load &load, bool rpc, int port) {
   }
 }
 
-// ---------------------------------------------------------------- a run
-
 struct RunFigures {
   std::string name;
-  uint64_t sent = 0, served = 0, late = 0;
+  uint64_t sent = 0, served = 0;
   int64_t slowest_ms = 0;
   uint64_t refused = 0, waited = 0;
   uint32_t peak_serving = 0;
@@ -511,8 +498,10 @@ struct RunFigures {
   std::string files_note;
 };
 
+// Only the kept files, untouched, and whole files their senders sent.
 bool check_destination(const std::string &destination, const std::map<std::string, std::string> &kept,
                        const std::map<std::string, std::set<size_t>> &complete, std::string &note) {
+  note = "ok";
   for (const auto &entry : fs::directory_iterator(destination)) {
     const std::string name = entry.path().filename().string();
     std::ifstream in(entry.path(), std::ios::binary);
@@ -520,28 +509,16 @@ bool check_destination(const std::string &destination, const std::map<std::strin
     bytes << in.rdbuf();
     auto k = kept.find(name);
     auto g = complete.find(name);
-    if (k != kept.end()) {
-      if (bytes.str() != k->second) {
-        note = name + " changed";
-        return false;
-      }
-    } else if (g != complete.end()) {
-      if (g->second.count(std::hash<std::string>{}(bytes.str())) == 0) {
-        note = name + " is not a file its sender sent";
-        return false;
-      }
-    } else {
+    if (k != kept.end() && bytes.str() != k->second)
+      note = name + " changed";
+    else if (k == kept.end() && g == complete.end())
       note = "unexpected file " + name;
-      return false;
-    }
+    else if (g != complete.end() && g->second.count(std::hash<std::string>{}(bytes.str())) == 0)
+      note = name + " is not a file its sender sent";
   }
   for (const auto &k : kept)
-    if (!fs::exists(destination + "/" + k.first)) {
-      note = k.first + " is gone";
-      return false;
-    }
-  note = "ok";
-  return true;
+    if (!fs::exists(destination + "/" + k.first)) note = k.first + " is gone";
+  return note == "ok";
 }
 
 RunFigures run(const std::string &name, const std::string &scratch, int seconds) {
@@ -575,10 +552,7 @@ RunFigures run(const std::string &name, const std::string &scratch, int seconds)
       clients.emplace_back(random_client, std::ref(load), port, index);
       clients.emplace_back(stalling_client, std::ref(load), rpc, port, index);
       clients.emplace_back(trickling_client, std::ref(load), rpc, port);
-      if (rpc)
-        clients.emplace_back(good_rpc_client, std::ref(load), index);
-      else
-        clients.emplace_back(good_packet_client, std::ref(load), index);
+      clients.emplace_back(rpc ? good_rpc_client : good_packet_client, std::ref(load), index);
     }
   }
   const auto end = Clock::now() + std::chrono::seconds(seconds);
@@ -593,13 +567,12 @@ RunFigures run(const std::string &name, const std::string &scratch, int seconds)
 
   f.sent = load.good_sent.load();
   f.served = load.good_served.load();
-  f.late = load.good_late.load();
   f.slowest_ms = load.slowest_ms.load();
   f.refused = packet_server.refused.load() + rpc_server.refused.load();
   f.waited = packet_server.waited.load() + rpc_server.waited.load();
   f.peak_serving = std::max(packet_server.peak_serving.load(), rpc_server.peak_serving.load());
-  f.lowest_socket = std::min({load.lowest_socket.load(), packet_server.lowest_socket.load(),
-                              rpc_server.lowest_socket.load()});
+  f.lowest_socket = std::min(
+      {load.lowest_socket.load(), packet_server.lowest_socket.load(), rpc_server.lowest_socket.load()});
   f.files_ok = check_destination(destination, kept, load.complete, f.files_note);
   fs::remove_all(destination);
   return f;
@@ -607,9 +580,7 @@ RunFigures run(const std::string &name, const std::string &scratch, int seconds)
 
 int seconds_from_environment() {
   const char *text = std::getenv("ZT_SOAK_SECONDS");
-  if (text == nullptr || *text == '\0') return 60;
-  const int seconds = std::atoi(text);
-  return seconds >= 3 ? seconds : 3;
+  return text == nullptr || *text == '\0' ? 60 : std::max(3, std::atoi(text));
 }
 
 }  // namespace
@@ -660,31 +631,32 @@ int main() {
   fs::remove_all(scratch);
 
   bool pass = true;
-  std::printf("soak: %d s under load, 200 clients per run (per server: 25 random, 25 stalling, 25 trickling, "
-              "25 good), time-out %d s, pool cap %u threads per server\n"
-              "(waited: accepts put off while the pool was full; refused: connections turned away at the cap;\n"
-              " serving: most connections served at once by one server; threads: most in the process)\n",
-              seconds, kTimeout, ZT_THREADPOOL_DEFAULT_MAX_THREADS);
-  std::printf("%-24s | %9s | %9s | %7s | %7s | %6s | %7s | %7s | %7s | %6s | %s\n", "run", "good sent", "served",
-              "served%", "slowest", "waited", "refused", "serving", "threads", "low fd", "destination folder");
+  std::printf(
+      "soak: %d s under load, 200 clients per run (per server: 25 random, 25 stalling, 25 trickling, "
+      "25 good), time-out %d s, pool cap %u threads per server\n"
+      "(waited: accepts put off while the pool was full; refused: connections turned away at the cap;\n"
+      " serving: most connections served at once by one server; threads: most in the process)\n",
+      seconds, kTimeout, ZT_THREADPOOL_DEFAULT_MAX_THREADS);
+  std::printf("%-24s | %9s | %9s | %7s | %7s | %6s | %7s | %7s | %7s | %6s | %s\n", "run", "good sent",
+              "served", "served%", "slowest", "waited", "refused", "serving", "threads", "low fd",
+              "destination folder");
   for (size_t i = 0; i < runs.size(); ++i) {
     const RunFigures &f = runs[i];
-    const double share = f.sent != 0 ? 100.0 * static_cast<double>(f.served) / static_cast<double>(f.sent) : 0.0;
-    std::printf("%-24s | %9llu | %9llu | %6.2f%% | %5lldms | %6llu | %7llu | %7u | %7zu | %6d | %s\n", f.name.c_str(),
-                static_cast<unsigned long long>(f.sent), static_cast<unsigned long long>(f.served), share,
-                static_cast<long long>(f.slowest_ms), static_cast<unsigned long long>(f.waited),
-                static_cast<unsigned long long>(f.refused), f.peak_serving, f.peak_threads, f.lowest_socket,
-                f.files_note.c_str());
-    if (f.peak_serving > ZT_THREADPOOL_DEFAULT_MAX_THREADS) pass = false;
-    if (f.sent == 0 || share < 99.0) pass = false;
-    if (!f.files_ok) pass = false;
-    if (i == 1 && f.lowest_socket <= 1024) pass = false;
-    if (after[i].first != fds_start || after[i].second != threads_start) pass = false;
+    const double share =
+        f.sent != 0 ? 100.0 * static_cast<double>(f.served) / static_cast<double>(f.sent) : 0.0;
+    std::printf("%-24s | %9llu | %9llu | %6.2f%% | %5lldms | %6llu | %7llu | %7u | %7zu | %6d | %s\n",
+                f.name.c_str(), static_cast<unsigned long long>(f.sent),
+                static_cast<unsigned long long>(f.served), share, static_cast<long long>(f.slowest_ms),
+                static_cast<unsigned long long>(f.waited), static_cast<unsigned long long>(f.refused),
+                f.peak_serving, f.peak_threads, f.lowest_socket, f.files_note.c_str());
+    pass = pass && f.peak_serving <= ZT_THREADPOOL_DEFAULT_MAX_THREADS && f.sent != 0 && share >= 99.0 &&
+           f.files_ok && (i != 1 || f.lowest_socket > 1024) && after[i].first == fds_start &&
+           after[i].second == threads_start;
     std::printf("  after: %zu descriptors (start %zu), %zu threads (start %zu)\n", after[i].first, fds_start,
                 after[i].second, threads_start);
   }
   std::printf("peak resident set: %.1f MiB (limit 256 MiB)\n", peak_kib / 1024.0);
-  if (peak_kib < 0 || peak_kib >= 256 * 1024) pass = false;
+  pass = pass && peak_kib >= 0 && peak_kib < 256 * 1024;
   {
     std::lock_guard<std::mutex> lock(tally.mutex);
     uint64_t total = 0;

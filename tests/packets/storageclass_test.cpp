@@ -42,7 +42,9 @@ TEST_F(StorageClasses, StartUpRegistersTheRequestClassOnly) {
 
 TEST_F(StorageClasses, ReferredClassesComeFirstAndNumbersAreUnique) {
   EXPECT_EQ(ZTAddStorageClass(&kBranch, 7002), -1);
-  expect_one_log("Refers  To An Unitialised StorageClass of: 7001");
+  expect_one_log(
+      "Storage Class: 7002 at entry: 0 Refers  To An Unitialised StorageClass of: 7001 ALL Refererd to "
+      "Classes Must Be Added Beforehand");
   EXPECT_EQ(ZTStorageClassExists(7002), 0);
   ASSERT_EQ(ZTAddStorageClass(&kLeaf, 7001), 0);
   ASSERT_EQ(ZTAddStorageClass(&kBranch, 7002), 0);

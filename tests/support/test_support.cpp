@@ -2,6 +2,7 @@
 
 #include <zt/init.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -20,6 +21,21 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
+}
+
+EnvScope::EnvScope(const char *name, const char *value) : name_(name) {
+  if (const char *old = std::getenv(name)) old_ = old, had_ = true;
+  if (value)
+    setenv(name, value, 1);
+  else
+    unsetenv(name);
+}
+
+EnvScope::~EnvScope() {
+  if (had_)
+    setenv(name_.c_str(), old_.c_str(), 1);
+  else
+    unsetenv(name_.c_str());
 }
 
 ChdirGuard::ChdirGuard(const std::string &dir) : old_(std::filesystem::current_path().string()) {

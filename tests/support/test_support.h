@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zt::test {
@@ -99,8 +101,31 @@ class LibraryTest : public ::testing::Test {
   LogCapture log_;
 };
 
+// Sets an environment variable (removes it, given NULL) for the scope's
+// lifetime, then puts back what was there.
+class EnvScope {
+ public:
+  EnvScope(const char *name, const char *value);
+  ~EnvScope();
+  EnvScope(const EnvScope &) = delete;
+  EnvScope &operator=(const EnvScope &) = delete;
+
+ private:
+  std::string name_, old_;
+  bool had_ = false;
+};
+
 // Installs the log trap's reporter as a test event listener; test_main calls it.
 void install_log_trap();
+
+// Polls `done` every millisecond until it holds (true) or `limit` passes (false).
+template <typename Predicate>
+bool wait_for(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  return true;
+}
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);
