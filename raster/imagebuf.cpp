@@ -674,16 +674,24 @@ int32_t tile_acquire(Store &store, uint32_t index, bool for_write, Slot **out, c
   return 0;
 }
 
-void tile_release(Slot *slot, bool written) {
+void tile_release(Slot *slot, bool written) { tiles_release(&slot, 1, written); }
+
+void tiles_release(Slot *const *slots, size_t count, bool written) {
   std::lock_guard<AtomicSpinLock> guard(g_cache.lock);
-  if (written) {
-    slot->dirty = true;
-    // Counted once the pixels are in, so a copy made after it sees them.
-    slot->owner->generation.fetch_add(1, std::memory_order_release);
-  }
-  if (--slot->use == 0) {
-    list_remove(slot);
-    list_push_back(slot->dirty ? kIdleDirty : kIdleClean, slot);
+  Store *counted = nullptr;
+  for (size_t i = 0; i < count; ++i) {
+    Slot *slot = slots[i];
+    if (slot == nullptr) continue;
+    if (written) {
+      slot->dirty = true;
+      // Counted once the pixels are in, so a copy made after it sees them.
+      if (slot->owner != counted) slot->owner->generation.fetch_add(1, std::memory_order_release);
+      counted = slot->owner;
+    }
+    if (--slot->use == 0) {
+      list_remove(slot);
+      list_push_back(slot->dirty ? kIdleDirty : kIdleClean, slot);
+    }
   }
 }
 
@@ -791,35 +799,60 @@ void zero_block(const Layout &to, uint32_t w, uint32_t h, uint32_t channels, uin
 
 }  // namespace
 
+namespace {
+
+// Tiles taken at once by one access: enough that the copies of a line across
+// a page overlap in memory instead of each waiting behind a lock for the last
+// to land, few enough that a small cache is not filled with tiles in use.
+uint32_t tiles_per_batch(const Store &store) {
+  std::lock_guard<AtomicSpinLock> guard(g_cache.lock);
+  const int64_t fit = g_cache.limit / 4 / static_cast<int64_t>(std::max<size_t>(store.tile_bytes, 1));
+  return static_cast<uint32_t>(std::clamp<int64_t>(fit, 1, 64));
+}
+
+}  // namespace
+
 int32_t store_access(Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t h, const Layout &ext,
                      bool write, const char *function) {
   if (w == 0 || h == 0) return 0;
   if (!store_check_rect(store, x, y, w, h, function)) return -1;
   const uint32_t x_end = x + w, y_end = y + h;
+  const uint32_t first_tx = x / store.tile_w, last_tx = (x_end - 1) / store.tile_w;
+  const uint32_t batch = tiles_per_batch(store);
+  Slot *slots[64];
   for (uint32_t ty = y / store.tile_h; ty <= (y_end - 1) / store.tile_h; ++ty) {
     const uint32_t top = std::max(y, ty * store.tile_h);
     const uint32_t bottom = static_cast<uint32_t>(std::min<uint64_t>(y_end, (uint64_t{ty} + 1) * store.tile_h));
-    for (uint32_t tx = x / store.tile_w; tx <= (x_end - 1) / store.tile_w; ++tx) {
-      const uint32_t left = std::max(x, tx * store.tile_w);
-      const uint32_t right =
-          static_cast<uint32_t>(std::min<uint64_t>(x_end, (uint64_t{tx} + 1) * store.tile_w));
-      Layout outside = ext;
-      outside.base = ext.at(left - x, top - y);
-      Slot *slot = nullptr;
-      if (tile_acquire(store, ty * store.tiles_x + tx, write, &slot, function) != 0) return -1;
-      if (slot == nullptr) {
-        zero_block(outside, right - left, bottom - top, store.channels, store.bytes_per_sample);
-        continue;
+    for (uint32_t tx0 = first_tx; tx0 <= last_tx; tx0 += batch) {
+      const uint32_t n = std::min(batch, last_tx - tx0 + 1);
+      for (uint32_t i = 0; i < n; ++i) {
+        if (tile_acquire(store, ty * store.tiles_x + tx0 + i, write, &slots[i], function) != 0) {
+          tiles_release(slots, i, false);
+          return -1;
+        }
       }
-      const Layout inside = store.tile_layout(slot->mem, left - tx * store.tile_w, top - ty * store.tile_h);
       {
         std::lock_guard<SpinLock> guard(store.lock);
-        if (write)
-          copy_block(outside, inside, right - left, bottom - top, store.channels, store.bytes_per_sample);
-        else
-          copy_block(inside, outside, right - left, bottom - top, store.channels, store.bytes_per_sample);
+        for (uint32_t i = 0; i < n; ++i) {
+          const uint32_t tx = tx0 + i;
+          const uint32_t left = std::max(x, tx * store.tile_w);
+          const uint32_t right =
+              static_cast<uint32_t>(std::min<uint64_t>(x_end, (uint64_t{tx} + 1) * store.tile_w));
+          Layout outside = ext;
+          outside.base = ext.at(left - x, top - y);
+          if (slots[i] == nullptr) {
+            zero_block(outside, right - left, bottom - top, store.channels, store.bytes_per_sample);
+            continue;
+          }
+          const Layout inside =
+              store.tile_layout(slots[i]->mem, left - tx * store.tile_w, top - ty * store.tile_h);
+          if (write)
+            copy_block(outside, inside, right - left, bottom - top, store.channels, store.bytes_per_sample);
+          else
+            copy_block(inside, outside, right - left, bottom - top, store.channels, store.bytes_per_sample);
+        }
       }
-      tile_release(slot, write);
+      tiles_release(slots, n, write);
     }
   }
   return 0;

@@ -171,6 +171,8 @@ int32_t store_set_tiles(Store &store, uint32_t tile_w, uint32_t tile_h, const ch
 // non-null slot.
 int32_t tile_acquire(Store &store, uint32_t index, bool for_write, Slot **slot, const char *function);
 void tile_release(Slot *slot, bool written);
+// Releases several at once under one lock; null entries are skipped.
+void tiles_release(Slot *const *slots, size_t count, bool written);
 
 // Logs and returns false when the rectangle starts or reaches outside.
 bool store_check_rect(const Store &store, uint32_t x, uint32_t y, uint32_t w, uint32_t h,
