@@ -4,6 +4,7 @@
 #include <zt/screening.h>
 #include <zt/threads.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -262,6 +263,17 @@ void run_channel(void *argument) {
                                               job->output + l * job->output_stride, job->width, job->y + l);
 }
 
+// Channels first, first + step, ... below count, one after another.
+struct ChannelPiece {
+  ChannelJob *jobs;
+  uint32_t first, step, count;
+};
+
+void run_piece(void *argument) {
+  const ChannelPiece *piece = static_cast<const ChannelPiece *>(argument);
+  for (uint32_t c = piece->first; c < piece->count; c += piece->step) run_channel(&piece->jobs[c]);
+}
+
 }  // namespace
 }  // namespace zt::screening
 
@@ -344,13 +356,22 @@ ZT_API int32_t screeningScreenChannelLines(ScreeningObject **objects, uint32_t c
                            lines,
                            -1};
     }
+    // When the channels share out evenly over the processors, each piece
+    // screens its share one channel after another: the queue has more workers
+    // than processors, and channels time-sliced on one processor evict each
+    // other's error rows from its caches. Otherwise one piece per channel
+    // keeps the load even.
+    const uint32_t processors = std::max<uint32_t>(1, ZT_numberOfLogicalCPUS());
+    const uint32_t pieces = channels > processors && channels % processors == 0 ? processors : channels;
+    std::unique_ptr<ChannelPiece[]> shares(new ChannelPiece[pieces]);
+    for (uint32_t p = 0; p < pieces; ++p) shares[p] = ChannelPiece{jobs.get(), p, pieces, channels};
     ZT_TaskQueue *queue = pthread_taskq_get_default();
     ZT_TaskCompletion completion;
     if (queue == nullptr || channels == 1 || pthread_taskq_completion_init(&completion) != 0) {
       for (uint32_t c = 0; c < channels; ++c) run_channel(&jobs[c]);
     } else {
       const int32_t queued = pthread_taskq_enqueue_multiple_and_wait(
-          queue, &completion, channels, run_channel, jobs.get(), sizeof(ChannelJob));
+          queue, &completion, pieces, run_piece, shares.get(), sizeof(ChannelPiece));
       pthread_taskq_completion_destroy(&completion);
       if (queued != 0) return -1;
     }
