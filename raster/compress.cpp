@@ -5,6 +5,7 @@
 // copy happens per block. Each codec is held to one byte less than the best
 // so far and to the destination's room: a result that could not win is
 // abandoned as soon as it grows too long.
+#include <libdeflate.h>
 #include <lz4.h>
 #include <zlib.h>
 
@@ -35,10 +36,7 @@ void ZStreamDeleter::operator()(z_stream_s *zs) const noexcept {
   deflateEnd(zs);
   delete zs;
 }
-void InflateDeleter::operator()(z_stream_s *zs) const noexcept {
-  inflateEnd(zs);
-  delete zs;
-}
+void InflateDeleter::operator()(libdeflate_decompressor *d) const noexcept { libdeflate_free_decompressor(d); }
 
 bool check_flags_and_depth(uint32_t flags, uint32_t bits, const char *fn) noexcept {
   if ((flags & ~ZT_COMPRESS_CODEC_MASK) != 0) {
@@ -236,14 +234,9 @@ bool BlockDecompressor::make_lzw(const char *fn) noexcept {
 
 bool BlockDecompressor::make_inflate(const char *fn) noexcept {
   if (inflate_) return true;
-  auto *zs = new (std::nothrow) z_stream{};
-  if (zs == nullptr || inflateInit(zs) != Z_OK) {
-    delete zs;
-    ZT_LOG(kCompressModule, fn, "Cannot allocate zip compression object");
-    return false;
-  }
-  inflate_.reset(zs);
-  return true;
+  inflate_.reset(libdeflate_alloc_decompressor());
+  if (!inflate_) ZT_LOG(kCompressModule, fn, "Cannot allocate zip compression object");
+  return inflate_ != nullptr;
 }
 
 size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst, size_t cap,
@@ -299,22 +292,18 @@ size_t BlockDecompressor::decompress(const uint8_t *src, size_t n, uint8_t *dst,
     }
     case ZT_COMPRESS_DEFLATE: {
       if (!make_inflate(fn)) return kFail;
-      z_stream *zs = inflate_.get();
-      inflateReset(zs);
-      zs->next_in = const_cast<Bytef *>(src);
-      zs->avail_in = static_cast<uInt>(n);
-      zs->next_out = dst;
-      zs->avail_out = cap > UINT_MAX ? UINT_MAX : static_cast<uInt>(cap);
-      const int r = inflate(zs, Z_FINISH);
-      if (r == Z_STREAM_END) {
-        out = static_cast<size_t>(zs->total_out);
-      } else if (r == Z_BUF_ERROR && zs->avail_out == 0) {
-        ZT_LOG(kCompressModule, fn, "Decompressed block does not fit in %zu bytes", cap);
-      } else if (r == Z_BUF_ERROR) {
-        ZT_LOG(kCompressModule, fn, "Deflate block is cut short");
-      } else {
-        ZT_LOG(kCompressModule, fn, "Deflate block is corrupt: %s",
-               zs->msg != nullptr ? zs->msg : "no detail");
+      // Bytes after the end of the stream are left alone, as zlib's inflate does.
+      size_t used = 0, made = 0;
+      switch (libdeflate_zlib_decompress_ex(inflate_.get(), src, n, dst, cap, &used, &made)) {
+        case LIBDEFLATE_SUCCESS:
+          out = made;
+          break;
+        case LIBDEFLATE_INSUFFICIENT_SPACE:
+          ZT_LOG(kCompressModule, fn, "Decompressed block does not fit in %zu bytes", cap);
+          break;
+        default:
+          ZT_LOG(kCompressModule, fn, "Deflate block is corrupt or cut short");
+          break;
       }
       break;
     }

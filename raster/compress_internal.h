@@ -16,6 +16,7 @@
 #include <memory>
 
 struct z_stream_s;
+struct libdeflate_decompressor;
 
 namespace zt::raster {
 
@@ -119,8 +120,11 @@ size_t lzjb_decode(const uint8_t *src, size_t n, uint8_t *dst, size_t cap, const
 struct ZStreamDeleter {
   void operator()(z_stream_s *zs) const noexcept;
 };
+// Deflate blocks are inflated whole by libdeflate, which reads zlib's format
+// about twice as fast as zlib's streaming inflate; zlib still writes them,
+// so the stored bytes stay zlib's own.
 struct InflateDeleter {
-  void operator()(z_stream_s *zs) const noexcept;
+  void operator()(libdeflate_decompressor *d) const noexcept;
 };
 
 // The object behind ZT_CompressInit. Its buffers grow to the largest block
@@ -164,7 +168,7 @@ class BlockDecompressor {
 
   uint32_t bits_;
   std::unique_ptr<LzwDecoder> lzw_;
-  std::unique_ptr<z_stream_s, InflateDeleter> inflate_;
+  std::unique_ptr<libdeflate_decompressor, InflateDeleter> inflate_;
 };
 
 // Checks a flag set and a depth for a compressor or decompressor; false after
