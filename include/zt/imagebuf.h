@@ -139,9 +139,11 @@ ZT_API int32_t ZT_ImageBufPutRectangle(ZT_ImageBuf *buf, uint32_t x, uint32_t y,
                                        uint32_t height, const void *data, uint32_t stride);
 ZT_API int32_t ZT_ImageBufGetScanline(ZT_ImageBuf *buf, uint32_t y, void *data);
 ZT_API int32_t ZT_ImageBufPutScanline(ZT_ImageBuf *buf, uint32_t y, const void *data);
-/* Reading a column keeps the band of columns that share its cache line (64
- * bytes of pixels) in memory, as long as nothing is written to the buffer, so
- * that reading the next columns does not walk the tiles again. */
+/* Reading a column keeps a band of columns in memory, as long as nothing is
+ * written to the buffer, so that reading the next columns does not walk the
+ * tiles again: a tile wide when that takes at most 4 MiB (height x tile width
+ * x bytes a pixel), else narrower, down to 64 bytes of pixels. The band is
+ * memory beyond the cache, held until the buffer is freed. */
 ZT_API int32_t ZT_ImageBufGetColumn(ZT_ImageBuf *buf, uint32_t x, void *data);
 ZT_API int32_t ZT_ImageBufPutColumn(ZT_ImageBuf *buf, uint32_t x, const void *data);
 ZT_API int32_t ZT_ImageBufGetPixel(ZT_ImageBuf *buf, uint32_t x, uint32_t y, void *data);
