@@ -95,6 +95,15 @@ struct SlotBlock {
 constinit SlotBlock *g_blocks = nullptr;
 
 size_t round_up(size_t n, size_t to) { return (n + to - 1) / to * to; }
+uint32_t all_pieces(uint32_t count) { return count >= 32 ? UINT32_MAX : (uint32_t{1} << count) - 1; }
+
+uint8_t *large_alloc(size_t bytes) {
+  void *mem = nullptr;
+  if (::posix_memalign(&mem, kHugeBlock, std::max<size_t>(bytes, 1)) != 0) return nullptr;
+  // Only advice: without huge pages the memory works as any other.
+  if (bytes >= kHugeBlock) (void)::madvise(mem, bytes, MADV_HUGEPAGE);
+  return static_cast<uint8_t *>(mem);
+}
 
 uint8_t *slot_memory_get(size_t bytes) {
   if (bytes < kHugeFrom) {
@@ -116,7 +125,7 @@ uint8_t *slot_memory_get(size_t bytes) {
     return nullptr;
   }
   b->base = mem;
-  b->free = (b->count == 32 ? UINT32_MAX : (uint32_t{1} << b->count) - 1) & ~uint32_t{1};
+  b->free = all_pieces(b->count) & ~uint32_t{1};
   g_blocks = b;
   return b->base;
 }
@@ -130,9 +139,9 @@ void slot_memory_put(uint8_t *mem, size_t bytes) {
     SlotBlock *b = *at;
     if (mem < b->base || mem >= b->base + size_t{b->count} * b->piece) continue;
     b->free |= uint32_t{1} << ((mem - b->base) / b->piece);
-    if (b->free == (b->count == 32 ? UINT32_MAX : (uint32_t{1} << b->count) - 1)) {
+    if (b->free == all_pieces(b->count)) {
       *at = b->next;
-      large_free(b->base);
+      std::free(b->base);
       delete b;
     }
     return;
@@ -141,27 +150,15 @@ void slot_memory_put(uint8_t *mem, size_t bytes) {
 
 }  // namespace
 
-uint8_t *large_alloc(size_t bytes) {
-  void *mem = nullptr;
-  if (::posix_memalign(&mem, kHugeBlock, std::max<size_t>(bytes, 1)) != 0) return nullptr;
-  // Only advice: without huge pages the memory works as any other.
-  if (bytes >= kHugeBlock) (void)::madvise(mem, bytes, MADV_HUGEPAGE);
-  return static_cast<uint8_t *>(mem);
-}
+LargeBuffer::~LargeBuffer() { std::free(data_); }
 
-void large_free(uint8_t *mem) { std::free(mem); }
-
-LargeBuffer::~LargeBuffer() { large_free(data_); }
-
-bool LargeBuffer::resize(size_t bytes) {
-  if (bytes > capacity_) {
-    large_free(data_);
-    size_ = capacity_ = 0;
-    data_ = large_alloc(bytes);
-    if (data_ == nullptr) return false;
-    capacity_ = bytes;
-  }
-  size_ = bytes;
+bool LargeBuffer::reserve(size_t bytes) {
+  if (bytes <= capacity_) return true;
+  std::free(data_);
+  capacity_ = 0;
+  data_ = large_alloc(bytes);
+  if (data_ == nullptr) return false;
+  capacity_ = bytes;
   return true;
 }
 
@@ -765,6 +762,11 @@ void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, ui
   const ptrdiff_t bpp = static_cast<ptrdiff_t>(bps) * channels;
   const bool whole_pixels = from.pixel == bpp && to.pixel == bpp && from.channel == bps && to.channel == bps;
   const bool planes = from.pixel == bps && to.pixel == bps;
+  // One row of whole pixels, the commonest case (a line through a tile).
+  if (whole_pixels && h == 1) {
+    std::memcpy(to.base, from.base, static_cast<size_t>(w) * bpp);
+    return;
+  }
   if (whole_pixels && copy_narrow(from, to, static_cast<size_t>(w) * bpp, h)) return;
   if (!whole_pixels && from.channel == bps && to.channel == bps && copy_spread(from, to, bpp, w, h)) return;
   for (uint32_t y = 0; y < h; ++y) {
@@ -783,8 +785,6 @@ void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, ui
   }
 }
 
-namespace {
-
 void zero_block(const Layout &to, uint32_t w, uint32_t h, uint32_t channels, uint32_t bps) {
   for (uint32_t y = 0; y < h; ++y) {
     uint8_t *dst = to.base + static_cast<ptrdiff_t>(y) * to.row;
@@ -796,8 +796,6 @@ void zero_block(const Layout &to, uint32_t w, uint32_t h, uint32_t channels, uin
     }
   }
 }
-
-}  // namespace
 
 namespace {
 

@@ -99,7 +99,7 @@ int32_t get_column(ZT_ImageBuf *buf, uint32_t x, void *data, const char *functio
     buf->band_store = 0;
     buf->band_x = x / across * across;
     buf->band_width = std::min(across, store.width - buf->band_x);
-    if (!buf->band.resize(buf->band_width * column_bytes)) {
+    if (!buf->band.reserve(buf->band_width * column_bytes)) {
       ZT_LOG(kImageBufModule, function, "Out of memory for a band of %u columns", buf->band_width);
       return -1;
     }
@@ -353,24 +353,16 @@ ZT_API int32_t ZT_ImageBufReadScanlineFast(ZT_ImageBuf *buf, uint32_t y, void *d
     {
       // One lock for the whole line: a lock per tile costs as much as its copy.
       std::lock_guard<zt::SpinLock> tile_guard(store.lock);
-      const bool by_pixel = store.interleave == ZT_INTERLEAVE_BY_PIXEL;
-      const size_t tile_row_bytes = size_t{store.tile_w} * store.bytes_per_pixel;
       for (uint32_t tx = 0; tx < store.tiles_x; ++tx) {
         const uint32_t left = tx * store.tile_w;
         const uint32_t w = std::min(store.tile_w, store.width - left);
         Layout part = out;
         part.base = out.at(left, 0);
-        Slot *slot = buf->held[tx];
-        if (slot != nullptr && by_pixel) {
-          std::memcpy(part.base, slot->mem + line_in_tile * tile_row_bytes, size_t{w} * store.bytes_per_pixel);
-        } else if (slot != nullptr) {
+        if (Slot *slot = buf->held[tx])
           copy_block(store.tile_layout(slot->mem, 0, line_in_tile), part, w, 1, store.channels,
                      store.bytes_per_sample);
-        } else {
-          for (uint32_t c = 0; c < store.channels; ++c)
-            for (uint32_t x = 0; x < w; ++x)
-              std::memset(part.base + x * part.pixel + c * part.channel, 0, store.bytes_per_sample);
-        }
+        else
+          zero_block(part, w, 1, store.channels, store.bytes_per_sample);
       }
     }
     ++buf->next_line;

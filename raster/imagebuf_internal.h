@@ -191,24 +191,24 @@ int32_t store_check_usable(const Store &store, const char *function);
 
 // Memory that is walked across rather than along (tile slots, column bands):
 // 2 MiB-aligned and offered huge pages, so that a walk down a page costs no
-// TLB miss per row. Contents are undefined after resize.
+// TLB miss per row. Contents are undefined after reserve.
 class LargeBuffer {
  public:
   LargeBuffer() = default;
   ~LargeBuffer();
   LargeBuffer(const LargeBuffer &) = delete;
   LargeBuffer &operator=(const LargeBuffer &) = delete;
-  bool resize(size_t bytes);  // false when memory runs out (the old contents are gone)
+  // Room for at least `bytes`; false when memory runs out (the old contents are gone).
+  bool reserve(size_t bytes);
   uint8_t *data() const { return data_; }
-  size_t size() const { return size_; }
 
  private:
   uint8_t *data_ = nullptr;
-  size_t size_ = 0;
   size_t capacity_ = 0;
 };
-uint8_t *large_alloc(size_t bytes);  // null when memory runs out
-void large_free(uint8_t *mem);
+
+// Writes zeros over a block of w x h pixels.
+void zero_block(const Layout &to, uint32_t w, uint32_t h, uint32_t channels, uint32_t bytes_per_sample);
 
 // Copies a block of w x h pixels between two layouts.
 void copy_block(const Layout &from, const Layout &to, uint32_t w, uint32_t h, uint32_t channels,
