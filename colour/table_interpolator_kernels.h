@@ -318,6 +318,18 @@ inline __m256 pair_lanes(__m256 v, uint32_t p) {
   return _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(a, a, a, a, b, b, b, b));
 }
 
+// The prism's split of the first two fractions, eight pixels at once: which
+// triangle each takes (f0 > f1) and the weights of its origin, middle and
+// diagonal corners, as the scalar form computes them.
+struct PrismSplit {
+  __m256 first, w0, w1, w2;
+};
+inline PrismSplit prism_split(__m256 f0, __m256 f1, __m256 one) {
+  const __m256 first = _mm256_cmp_ps(f0, f1, _CMP_GT_OQ);
+  return {first, _mm256_sub_ps(one, _mm256_blendv_ps(f1, f0, first)),
+          _mm256_blendv_ps(_mm256_sub_ps(f1, f0), _mm256_sub_ps(f0, f1), first), _mm256_blendv_ps(f0, f1, first)};
+}
+
 template <uint32_t kIn, int32_t kScheme, uint32_t kOut>
 inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_t (*out)[kChunk],
                    uint32_t i) {
@@ -361,10 +373,8 @@ inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_
       }
     } else {
       constexpr uint32_t kFaces = 1u << (kIn - 2);
-      const __m256 first = _mm256_cmp_ps(f[0], f[1], _CMP_GT_OQ);
-      const __m256 w0 = _mm256_sub_ps(one, _mm256_blendv_ps(f[1], f[0], first));
-      const __m256 w1 = _mm256_blendv_ps(_mm256_sub_ps(f[1], f[0]), _mm256_sub_ps(f[0], f[1]), first);
-      const __m256 w2 = _mm256_blendv_ps(f[0], f[1], first);
+      const PrismSplit split = prism_split(f[0], f[1], one);
+      const __m256 first = split.first, w0 = split.w0, w1 = split.w1, w2 = split.w2;
       const auto first_bits = static_cast<uint32_t>(_mm256_movemask_ps(first));
       for (uint32_t p = 0; p < 4; ++p) {
         const float *low = g.values + at[p], *high = g.values + at[p + 4];
@@ -420,10 +430,8 @@ inline void lanes8(const ZT_InterpGrid &g, const uint32_t (*in)[kChunk], uint16_
     }
   } else {
     constexpr uint32_t kFaces = 1u << (kIn - 2);
-    const __m256 first = _mm256_cmp_ps(f[0], f[1], _CMP_GT_OQ);
-    const __m256 w0 = _mm256_sub_ps(one, _mm256_blendv_ps(f[1], f[0], first));
-    const __m256 w1 = _mm256_blendv_ps(_mm256_sub_ps(f[1], f[0]), _mm256_sub_ps(f[0], f[1]), first);
-    const __m256 w2 = _mm256_blendv_ps(f[0], f[1], first);
+    const PrismSplit split = prism_split(f[0], f[1], one);
+    const __m256 first = split.first, w0 = split.w0, w1 = split.w1, w2 = split.w2;
     const __m256i first_mask = _mm256_castps_si256(first);
     __m256i origin_at[kFaces], mid_at[kFaces], diagonal_at[kFaces];
 #pragma GCC unroll 4
