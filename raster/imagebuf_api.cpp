@@ -94,11 +94,18 @@ int32_t get_column(ZT_ImageBuf *buf, uint32_t x, void *data, const char *functio
       x >= buf->band_x + buf->band_width) {
     // Whole tiles across when the band's budget allows: each tile is then
     // read once, while it is still in the cache after its read from swap.
-    const uint32_t across = static_cast<uint32_t>(std::max<size_t>(
-        std::max<uint32_t>(1, 64 / bpp), std::min<size_t>(kColumnBandBytes / column_bytes, store.tile_w)));
+    // Otherwise an even share of a tile, so that no band reaches into the
+    // next column of tiles and the cache never has to hold two.
+    const size_t budget = std::max<size_t>(std::max<uint32_t>(1, 64 / bpp), kColumnBandBytes / column_bytes);
+    const uint32_t across = budget >= store.tile_w
+                                ? store.tile_w
+                                : static_cast<uint32_t>((store.tile_w + (store.tile_w + budget - 1) / budget - 1) /
+                                                        ((store.tile_w + budget - 1) / budget));
     buf->band_store = 0;
-    buf->band_x = x / across * across;
-    buf->band_width = std::min(across, store.width - buf->band_x);
+    const uint32_t tile_x = x / store.tile_w * store.tile_w;
+    const uint32_t tile_end = static_cast<uint32_t>(std::min<uint64_t>(store.width, uint64_t{tile_x} + store.tile_w));
+    buf->band_x = tile_x + (x - tile_x) / across * across;
+    buf->band_width = std::min(across, tile_end - buf->band_x);
     if (!buf->band.reserve(buf->band_width * column_bytes)) {
       ZT_LOG(kImageBufModule, function, "Out of memory for a band of %u columns", buf->band_width);
       return -1;
