@@ -8,6 +8,7 @@
 #include <zt/threads.h>
 #include <zt/vlimg.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -131,8 +132,27 @@ struct Slot {
   uint8_t *dst = nullptr;  // reading: where the tile goes
   uint32_t dst_stride = 0;
   bool ok = false;
+  uint64_t offset = 0;  // reading: where the tile's stored bytes are
   const char *function = "";
   struct ::VLIMG_File *file = nullptr;
+};
+
+// A group of slots coded by the caller and the task queue together. When
+// writing, whoever finishes the tile that is next in file order puts it (and
+// any finished tiles after it) in the file, so writing overlaps coding and
+// the bytes never depend on the number of threads.
+struct TileBatch {
+  VLIMG_File *file = nullptr;
+  const std::unique_ptr<Slot> *slots = nullptr;
+  uint32_t count = 0;
+  bool decode = false;
+  bool queued = false;  // tasks went to the queue; `done` must be waited for
+  std::atomic<uint32_t> next{0};     // next slot to code
+  std::atomic<uint32_t> written{0};  // slots already in the file
+  std::atomic<bool> writer{false};   // someone is writing
+  std::atomic<bool> failed{false};
+  std::unique_ptr<std::atomic<bool>[]> coded;
+  ZT_TaskCompletion done{};
 };
 
 // The coding parameters of a page: what a block is and how it is coded.
@@ -179,9 +199,20 @@ struct VLIMG_File {
   uint32_t tiles_done = 0;
   // Coding.
   uint32_t threads = 1;
+  // Writers with several threads keep two groups of slots: one is filled by
+  // the caller while the other is coded and written.
   std::vector<std::unique_ptr<zt::raster::vlimg::Slot>> slots;
-  uint32_t pending = 0;  // slots holding tiles not yet coded
+  uint32_t group_size = 1;  // slots in a group
+  uint32_t group = 0;       // first slot of the group being filled
+  uint32_t pending = 0;     // tiles in that group, not yet coded
+  std::unique_ptr<zt::raster::vlimg::TileBatch> in_flight;
   std::vector<uint8_t> line_buf, block_buf;
+
+  VLIMG_File() = default;
+  VLIMG_File(const VLIMG_File &) = delete;
+  VLIMG_File &operator=(const VLIMG_File &) = delete;
+  // Waits for a group still being coded: its workers point into this record.
+  ~VLIMG_File();
 };
 
 namespace zt::raster::vlimg {
@@ -217,7 +248,11 @@ bool encode_block(const Codec &c, Slot &s, uint32_t n);
 bool decode_block(const Codec &c, Slot &s, const uint8_t *stored, uint32_t stored_size, uint8_t *dst,
                   uint32_t n, const char *fn);
 int32_t write_tile(VLIMG_File *f, uint32_t index, const uint8_t *data, uint32_t stride, const char *fn);
+// Codes and writes every tile handed over so far.
 bool drain_tiles(VLIMG_File *f, const char *fn);
+// Waits for the group of tiles still being coded and written, if any; false
+// when one of them failed (logged where it failed).
+bool settle_batch(VLIMG_File *f);
 int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8_t *const *dsts,
                    const uint32_t *strides, const char *fn);
 int32_t read_line(VLIMG_File *f, uint8_t *line, const char *fn);

@@ -91,8 +91,11 @@ bool prepare_codec(VLIMG_File *f, const char *fn) {
     if (c.flags == 0) return false;
   }
   // Several tiles per worker and batch keep the hand-overs few.
-  const uint32_t n = h.tiled() && f->threads > 1 ? f->threads * 4 : 1;
+  if (!settle_batch(f)) return false;
+  f->group_size = h.tiled() && f->threads > 1 ? f->threads * 4 : 1;
+  const uint32_t n = f->writing && f->group_size > 1 ? 2 * f->group_size : f->group_size;
   f->slots.clear();
+  f->group = 0;
   f->pending = 0;
   for (uint32_t i = 0; i < n; ++i) {
     auto s = std::make_unique<Slot>();
@@ -212,15 +215,38 @@ bool decode_block(const Codec &c, Slot &s, const uint8_t *stored, uint32_t store
 
 namespace {
 
-// The slots of one batch are shared out as workers ask for them, so a worker
-// that starts late (the machine is busy) leaves its share to the others
-// instead of holding everyone up.
-struct Batch {
-  VLIMG_File *file;
-  std::atomic<uint32_t> *next;
-  uint32_t count;
-  bool decode;
-};
+bool put_slot(VLIMG_File *f, const Slot &s) {
+  VLIMG_TileEntry &e = f->h.tiles[s.index];
+  e.offset = f->io.tell();
+  e.size = s.stored_size;
+  e.flags = s.block_flags;
+  if (!f->io.write(s.stored.data(), s.stored_size)) {
+    ZT_LOG(kModule, s.function, "Failed to write to disk");
+    return false;
+  }
+  return true;
+}
+
+// One thread writes at a time. After letting go the writer looks once more:
+// a tile finished while it was letting go found the flag still taken, and
+// would otherwise wait for the end of the batch.
+void write_in_order(TileBatch &b) {
+  for (;;) {
+    if (b.writer.exchange(true)) return;
+    uint32_t w = b.written.load();
+    while (w < b.count && !b.failed.load() && b.coded[w].load()) {
+      const Slot &s = *b.slots[w];
+      if (!s.ok || !put_slot(b.file, s)) {
+        b.failed.store(true);
+        break;
+      }
+      b.written.store(++w);
+    }
+    b.writer.store(false);
+    w = b.written.load();
+    if (b.failed.load() || w >= b.count || !b.coded[w].load()) return;
+  }
+}
 
 void code_slot(VLIMG_File *f, Slot &s, bool decode) {
   const Header &h = f->h;
@@ -233,67 +259,106 @@ void code_slot(VLIMG_File *f, Slot &s, bool decode) {
     if (!s.ok) ZT_LOG(kModule, s.function, "Cannot compress tile %u", s.index);
     return;
   }
-  uint8_t *target = s.dst;
-  if (s.dst_stride != row) {
-    s.raw.resize(n);
-    target = s.raw.data();
+  // Each worker reads its own tiles: the reads of a batch overlap its decoding.
+  const bool plain = f->codec.compression == 1 && !f->codec.swap16;
+  uint8_t *landing = plain && s.dst_stride == row && s.stored_size == n ? s.dst : nullptr;
+  if (landing == nullptr) {
+    s.stored.resize(s.stored_size);
+    landing = s.stored.data();
   }
-  s.ok = decode_block(f->codec, s, s.stored.data(), s.stored_size, target, n, s.function);
-  if (!s.ok) {
-    ZT_LOG(kModule, s.function, "Cannot read tile %u", s.index);
-    return;
+  s.ok = f->io.pread_at(landing, s.stored_size, s.offset);
+  if (s.ok && landing != s.dst) {
+    if (plain && s.stored_size == n) {
+      for (uint32_t r = 0; r < hh; ++r)
+        std::memcpy(s.dst + size_t{r} * s.dst_stride, landing + size_t{r} * row, row);
+    } else {
+      uint8_t *target = s.dst;
+      if (s.dst_stride != row) {
+        s.raw.resize(n);
+        target = s.raw.data();
+      }
+      s.ok = decode_block(f->codec, s, landing, s.stored_size, target, n, s.function);
+      if (s.ok && target != s.dst)
+        for (uint32_t r = 0; r < hh; ++r)
+          std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
+    }
   }
-  if (target != s.dst)
-    for (uint32_t r = 0; r < hh; ++r)
-      std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
+  if (!s.ok) ZT_LOG(kModule, s.function, "Cannot read tile %u", s.index);
 }
 
+// The slots of one batch are shared out as workers ask for them, so a worker
+// that starts late (the machine is busy) leaves its share to the others
+// instead of holding everyone up.
 void run_batch(void *arg) {
-  auto *b = static_cast<Batch *>(arg);
-  for (uint32_t i = b->next->fetch_add(1); i < b->count; i = b->next->fetch_add(1))
-    code_slot(b->file, *b->file->slots[i], b->decode);
+  auto *b = static_cast<TileBatch *>(arg);
+  for (uint32_t i = b->next.fetch_add(1); i < b->count; i = b->next.fetch_add(1)) {
+    if (b->failed.load()) continue;
+    code_slot(b->file, *b->slots[i], b->decode);
+    if (!b->decode) {
+      b->coded[i].store(true);
+      write_in_order(*b);
+    }
+  }
 }
 
-// Codes the first `count` slots: the caller takes one share, the task queue
-// the others.
-void code_slots(VLIMG_File *f, uint32_t count, bool decode) {
+// Hands `count` slots from `first` to the task queue (without waiting);
+// with one thread, or no queue, the caller codes them all in finish_batch.
+void start_batch(VLIMG_File *f, TileBatch &b, const std::unique_ptr<Slot> *first, uint32_t count,
+                 bool decode) {
+  b.file = f;
+  b.slots = first;
+  b.count = count;
+  b.decode = decode;
+  b.coded = std::make_unique<std::atomic<bool>[]>(count);
+  for (uint32_t i = 0; i < count; ++i) b.coded[i].store(false);
   const uint32_t workers = std::min(f->threads, count);
   ZT_TaskQueue *queue = tile_queue();
-  std::atomic<uint32_t> next{0};
-  Batch batch{f, &next, count, decode};
-  ZT_TaskCompletion done;
-  if (workers < 2 || queue == nullptr || pthread_taskq_completion_init(&done) != 0) {
-    run_batch(&batch);
-    return;
-  }
+  if (workers < 2 || queue == nullptr || pthread_taskq_completion_init(&b.done) != 0) return;
   // Whatever could not be queued is picked up by the caller's own share.
-  pthread_taskq_enqueue_multiple(queue, &done, workers - 1, run_batch, &batch, 0);
-  run_batch(&batch);
-  pthread_taskq_completion_wait(&done);
-  pthread_taskq_completion_destroy(&done);
+  pthread_taskq_enqueue_multiple(queue, &b.done, workers - 1, run_batch, &b, 0);
+  b.queued = true;
+}
+
+// The caller takes its share, waits for the workers and writes what is left;
+// false when a tile of the batch could not be coded or written.
+bool finish_batch(TileBatch &b) {
+  run_batch(&b);
+  if (b.queued) {
+    pthread_taskq_completion_wait(&b.done);
+    pthread_taskq_completion_destroy(&b.done);
+    b.queued = false;
+  }
+  if (b.decode) return true;
+  write_in_order(b);
+  return !b.failed.load() && b.written.load() == b.count;
+}
+
+// Codes (and, when writing, writes) the group being filled; with `wait`
+// false and workers to hand, it goes on in the background while the caller
+// fills the other group.
+bool submit_group(VLIMG_File *f, bool wait) {
+  if (!settle_batch(f)) return false;
+  const uint32_t count = f->pending;
+  if (count == 0) return true;
+  f->pending = 0;
+  auto b = std::make_unique<TileBatch>();
+  start_batch(f, *b, &f->slots[f->group], count, false);
+  if (wait || !b->queued) return finish_batch(*b);
+  f->in_flight = std::move(b);
+  f->group = f->group == 0 ? f->group_size : 0;
+  return true;
 }
 
 }  // namespace
 
-bool drain_tiles(VLIMG_File *f, const char *fn) {
-  const uint32_t count = f->pending;
-  if (count == 0) return true;
-  f->pending = 0;
-  code_slots(f, count, false);
-  for (uint32_t i = 0; i < count; ++i) {
-    Slot &s = *f->slots[i];
-    if (!s.ok) return false;
-    VLIMG_TileEntry &e = f->h.tiles[s.index];
-    e.offset = f->io.tell();
-    e.size = s.stored_size;
-    e.flags = s.block_flags;
-    if (!f->io.write(s.stored.data(), s.stored_size)) {
-      ZT_LOG(kModule, fn, "Failed to write to disk");
-      return false;
-    }
-  }
-  return true;
+bool settle_batch(VLIMG_File *f) {
+  if (!f->in_flight) return true;
+  const bool ok = finish_batch(*f->in_flight);
+  f->in_flight.reset();
+  return ok;
 }
+
+bool drain_tiles(VLIMG_File *f, const char *) { return submit_group(f, true); }
 
 int32_t write_tile(VLIMG_File *f, uint32_t index, const uint8_t *data, uint32_t stride, const char *fn) {
   if (!f->writing) {
@@ -337,13 +402,13 @@ int32_t write_tile(VLIMG_File *f, uint32_t index, const uint8_t *data, uint32_t 
       return -1;
     }
   } else {
-    Slot &s = *f->slots[f->pending++];
+    Slot &s = *f->slots[f->group + f->pending++];
     s.index = index;
     s.function = fn;
     s.raw.resize(size_t{row} * hh);
     for (uint32_t r = 0; r < hh; ++r)
       std::memcpy(s.raw.data() + size_t{r} * row, data + size_t{r} * stride, row);
-    if (f->pending == f->slots.size() && !drain_tiles(f, fn)) return -1;
+    if (f->pending == f->group_size && !submit_group(f, false)) return -1;
   }
   f->tile_done[index] = 1;
   ++f->tiles_done;
@@ -367,6 +432,7 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
   }
   int32_t result = 0;
   uint32_t i = 0;
+  const bool plain = f->codec.compression == 1 && !f->codec.swap16;
   while (i < count) {
     uint32_t batch = 0;
     for (; i < count && batch < f->slots.size(); ++i) {
@@ -385,35 +451,25 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
         continue;
       }
       const VLIMG_TileEntry &e = h.tiles[index];
-      if (f->codec.compression == 1 && !f->codec.swap16) {
-        // Raw tiles go from the file straight into the caller's rows.
-        bool ok = true;
-        if (strides[i] == row) {
-          ok = f->io.pread_at(dsts[i], e.size, e.offset);
-        } else {
-          ok = f->io.pread_rows(dsts[i], row, hh, strides[i], e.offset);
-        }
-        if (!ok) {
+      if (plain && f->slots.size() == 1 && strides[i] == row) {
+        // One thread and nothing to undo: the file goes straight into the caller's rows.
+        if (!f->io.pread_at(dsts[i], e.size, e.offset)) {
           ZT_LOG(kModule, fn, "Cannot read tile %u", index);
           result = -1;
         }
         continue;
       }
-      Slot &s = *f->slots[batch];
+      Slot &s = *f->slots[batch++];
       s.index = index;
       s.function = fn;
       s.dst = dsts[i];
       s.dst_stride = strides[i];
-      s.stored.resize(e.size);
+      s.offset = e.offset;
       s.stored_size = e.size;
-      if (!f->io.pread_at(s.stored.data(), e.size, e.offset)) {
-        ZT_LOG(kModule, fn, "Cannot read tile %u", index);
-        result = -1;
-        continue;
-      }
-      ++batch;
     }
-    code_slots(f, batch, true);
+    TileBatch b;
+    start_batch(f, b, f->slots.data(), batch, true);
+    finish_batch(b);
     for (uint32_t k = 0; k < batch; ++k)
       if (!f->slots[k]->ok) result = -1;
   }
@@ -504,3 +560,5 @@ int32_t write_line(VLIMG_File *f, const uint8_t *line, const char *fn) {
 }
 
 }  // namespace zt::raster::vlimg
+
+VLIMG_File::~VLIMG_File() { zt::raster::vlimg::settle_batch(this); }

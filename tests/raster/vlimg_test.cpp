@@ -657,20 +657,42 @@ TEST_F(Vlimg, CropCopiesTheRectangleBitExactly) {
 
 class VlimgMT : public Vlimg {};
 
+// Tiles read by several workers straight into their places in one page (rows
+// a page line apart), as an image buffer or a viewer reads them.
+Bytes read_tiles_in_place(const std::string &name, const PageLayout &p) {
+  File f(VLIMG_Open(name.c_str(), VLIMG_MODE_READ));
+  const uint32_t line = static_cast<uint32_t>(line_of(p, p.width)), across = (p.width + p.tile_w - 1) / p.tile_w;
+  const uint32_t n = f ? VLIMG_NumTiles(f.get()) : 0;
+  Bytes page(size_t{line} * p.height, 0);
+  std::vector<uint32_t> indices(n), strides(n, line);
+  std::vector<uint8_t *> dsts(n);
+  for (uint32_t i = 0; i < n; ++i) {
+    indices[i] = i;
+    dsts[i] = page.data() + size_t{i / across} * p.tile_h * line + line_of(p, (i % across) * p.tile_w);
+  }
+  EXPECT_TRUE(f && VLIMG_ReadTiles(f.get(), indices.data(), n, dsts.data(), strides.data()) == 0);
+  return page;
+}
+
 TEST_F(VlimgMT, ThreadCountDoesNotChangeTheBytes) {
+  // 35 tiles: with three threads several groups are coded and written while
+  // the next is being filled.
   PageLayout p{.width = 300, .height = 200, .type = 3, .planes = 4, .tile_w = 64, .tile_h = 32};
-  for (uint32_t c : {5u, 7u, 13u}) {
+  for (uint32_t c : {1u, 5u, 7u, 13u}) {
     SCOPED_TRACE(c);
     p.compression = c;
     const Bytes px = make_pixels(p, c);
     VLIMGSetupThreads(1);
     ASSERT_EQ(write_page(path("one.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
+    EXPECT_EQ(read_tiles_in_place(path("one.vlimg"), p), px);
     VLIMGSetupThreads(3);
     ASSERT_EQ(write_page(path("three.vlimg"), VLIMG_MODE_CREATE, p, px), 0);
     EXPECT_EQ(bytes("one.vlimg"), bytes("three.vlimg"));
     EXPECT_EQ(read_file_page(path("one.vlimg")), px);
+    EXPECT_EQ(read_tiles_in_place(path("one.vlimg"), p), px);
   }
 }
+
 
 TEST_F(VlimgMT, ReaderFollowsAGrowingFile) {
   const PageLayout p{.width = 1000, .height = 200, .compression = 13};
@@ -784,6 +806,21 @@ TEST_F(Vlimg, ShortWriteFailsAndLeavesNoPageInTheChain) {
   big.compression = 1;
   EXPECT_EQ(write_page(path("new.vlimg"), VLIMG_MODE_CREATE, big, make_pixels(big, 3)), -1);
   EXPECT_TRUE(capture.contains("Failed to write to disk"));
+}
+
+// A disk that fills while a group is being written in the background: the
+// page fails at a later call or at the close, and nothing waits forever.
+TEST_F(VlimgMT, WriteFailingInTheBackgroundFailsThePage) {
+  PageLayout p{.width = 1000, .height = 640, .type = 3, .planes = 4, .tile_w = 64, .tile_h = 64, .compression = 13};
+  const Bytes px = make_pixels(p, 9);
+  VLIMGSetupThreads(3);
+  zt::test::LogCapture capture;
+  {
+    FileSizeLimit limit(60000);
+    EXPECT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), -1);
+  }
+  EXPECT_TRUE(capture.contains("Failed to write to disk"));
+  VLIMGSetupThreads(1);
 }
 
 }  // namespace
