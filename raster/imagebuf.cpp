@@ -14,6 +14,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "foundation/internal.h"
 #include "raster/interleave_internal.h"
@@ -728,14 +731,46 @@ bool copy_narrow(const Layout &from, const Layout &to, size_t bytes, uint32_t h)
 // the block before the next: the sixteen source lines stay in the first-level
 // cache while every destination run gets a whole cache line at once, where a
 // row at a time would scatter single pixels over as many lines as columns.
+#ifdef __SSE2__
+// Four-byte pixels from rows to columns (a tile into a column band, or a
+// quarter turn), four by four through registers: a block of sixteen rows
+// takes four loads and four stores for every four columns instead of
+// sixty-four single-pixel copies. Returns the columns done (a multiple of 4).
+uint32_t transpose4(const Layout &from, const Layout &to, uint32_t w, uint32_t y0, uint32_t rows) {
+  if (from.pixel != 4 || to.row != 4 || rows % 4 != 0) return 0;
+  const uint32_t wide = w / 4 * 4;
+  for (uint32_t x = 0; x < wide; x += 4) {
+    const uint8_t *src = from.base + static_cast<ptrdiff_t>(y0) * from.row + static_cast<ptrdiff_t>(x) * 4;
+    uint8_t *dst = to.base + static_cast<ptrdiff_t>(y0) * 4 + static_cast<ptrdiff_t>(x) * to.pixel;
+    for (uint32_t j = 0; j < rows; j += 4, src += 4 * from.row, dst += 16) {
+      const __m128i r0 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+      const __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + from.row));
+      const __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 2 * from.row));
+      const __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 3 * from.row));
+      const __m128i a = _mm_unpacklo_epi32(r0, r1), b = _mm_unpackhi_epi32(r0, r1);
+      const __m128i c = _mm_unpacklo_epi32(r2, r3), d = _mm_unpackhi_epi32(r2, r3);
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_unpacklo_epi64(a, c));
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + to.pixel), _mm_unpackhi_epi64(a, c));
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 2 * to.pixel), _mm_unpacklo_epi64(b, d));
+      _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + 3 * to.pixel), _mm_unpackhi_epi64(b, d));
+    }
+  }
+  return wide;
+}
+#endif
+
 template <size_t N>
 void copy_pixels(const Layout &from, const Layout &to, uint32_t w, uint32_t h) {
   constexpr uint32_t kBlock = 16;
   for (uint32_t y0 = 0; y0 < h; y0 += kBlock) {
     const uint32_t rows = std::min(kBlock, h - y0);
-    const uint8_t *src_row = from.base + static_cast<ptrdiff_t>(y0) * from.row;
-    uint8_t *dst_row = to.base + static_cast<ptrdiff_t>(y0) * to.row;
-    for (uint32_t x = 0; x < w; ++x, src_row += from.pixel, dst_row += to.pixel) {
+    uint32_t x = 0;
+#ifdef __SSE2__
+    if constexpr (N == 4) x = transpose4(from, to, w, y0, rows);
+#endif
+    const uint8_t *src_row = from.base + static_cast<ptrdiff_t>(y0) * from.row + static_cast<ptrdiff_t>(x) * from.pixel;
+    uint8_t *dst_row = to.base + static_cast<ptrdiff_t>(y0) * to.row + static_cast<ptrdiff_t>(x) * to.pixel;
+    for (; x < w; ++x, src_row += from.pixel, dst_row += to.pixel) {
       const uint8_t *src = src_row;
       uint8_t *dst = dst_row;
       for (uint32_t j = 0; j < rows; ++j, src += from.row, dst += to.row) std::memcpy(dst, src, N);
