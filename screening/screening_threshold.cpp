@@ -217,7 +217,8 @@ void adjacent_levels(const double *d, uint32_t top, uint8_t *table) {
     std::memset(row, 0, 256);
     for (uint32_t k = 1; k <= top; ++k) {
       const double f = v <= d[k - 1] ? 0.0 : v >= d[k] ? 1.0 : (v - d[k - 1]) / (d[k] - d[k - 1]);
-      const uint32_t q = f >= 1.0 ? 255 : static_cast<uint32_t>(std::floor(f * 255.0 + 0.5));
+      // A full level holds every entry, 255 too (screen files may use it).
+      const uint32_t q = f >= 1.0 ? 256 : static_cast<uint32_t>(std::floor(f * 255.0 + 0.5));
       for (uint32_t m = 0; m < q; ++m) ++row[m];
     }
   }

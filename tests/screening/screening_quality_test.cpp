@@ -373,6 +373,7 @@ TEST(ScreeningQuality, MaskLevelsRiseAndTradeFromOneEnd) {
       {"4 even", settings_for(ZT_SCREEN_BLUE_NOISE, 4, 2), 8, true},
       {"8 even", settings_for(ZT_SCREEN_BLUE_NOISE, 8, 3), 8, false},  // 36 73 109 ...
       {"16 even", settings_for(ZT_SCREEN_BLUE_NOISE, 16, 4), 8, true},
+      {"256 even", settings_for(ZT_SCREEN_BLUE_NOISE, 256, 8), 8, true},
       {"4 even, 16-bit", settings_for(ZT_SCREEN_BLUE_NOISE, 4, 2), 16, false},
       {"profile", profile_settings(ZT_SCREEN_BLUE_NOISE, drops[0]), 8, false},
       {"crowded light drops", density_settings(ZT_SCREEN_BLUE_NOISE, {0, 1, 1.8, 30, 100}, 3, drops[1]), 8,
