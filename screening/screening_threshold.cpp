@@ -246,11 +246,13 @@ void adjacent_levels(const double *d, uint32_t top, uint8_t *table) {
 // Half-width of the window on each side of a drop density, as a share of
 // the spacing on that side: a half lets neighbouring windows just meet.
 constexpr double kTradeWindow = 0.5;
-// What leaving the shape by one entry weighs against missing the mean, in
-// units of the nearer spacing. Below a half, so that with even drops an
-// entry off the shape is worth a mean hit exactly; at 0.1 the shape drifted
-// a dozen entries chasing means that uneven drops cannot hit anyway.
+// What leaving the shape weighs against missing the mean (both in entries
+// times their spacing). Below one, so that with even drops an entry off the
+// shape is worth a mean hit exactly; much lower and the shares drift far
+// from the shape chasing means that uneven drops cannot hit anyway.
 constexpr double kLeaveShape = 0.45;
+// How many entries either side of the shape's shares are tried first.
+constexpr int kReach = 8;
 
 struct Trade {
   uint32_t traded, up, valley;  // M, U and M where M stopped falling
@@ -258,7 +260,10 @@ struct Trade {
 };
 
 void overlapped_levels(const double *d, uint32_t top, uint8_t *table) {
-  uint32_t last_up = 0;  // U of the previous drop's last tone: pixels already at j
+  // M of the previous drop's last tone: its pixels at j and at j - 2 lie
+  // within that many entries of this drop's far end and must not fall below
+  // j, so this drop's M starts no higher than the rest.
+  uint32_t last_traded = 0;
   uint32_t first = 0;
   for (uint32_t j = 1; j < top; ++j) {
     const double lo = d[j] - d[j - 1], hi = d[j + 1] - d[j];
@@ -289,38 +294,49 @@ void overlapped_levels(const double *d, uint32_t top, uint8_t *table) {
       if (m == least) high = v;
     }
     const uint32_t turn = (low + high) / 2;
-    Trade tr{255 - last_up, 0, 0, false};
+    Trade tr{255 - last_traded, 0, 0, false};
     uint32_t down = tr.traded;
     for (uint32_t v = first; v <= last; ++v) {
       const double s = v - d[j];
       const bool falling = v <= turn;
-      const uint32_t ideal = round255(shape(s));
-      // M and U within the rules, nearest the tone's mean. One entry moves
-      // the mean by a spacing over 255 (a third of a tone with even drops),
-      // so M leaves the shape by a few entries where that hits the mean
-      // (with even drops M must change every tone, even where the shape is
-      // flat), and further where the rules hold it away from the shape.
-      // There is always a choice: M within [U, M] of the last tone while
-      // falling, any M from the last one up while rising. M turns early when
-      // the pixels at j - 1 run out before the shape's lowest point (drops
-      // close together): only a rising M can then carry the tone.
+      // The shares the shape asks for, then the U and D (whole entries)
+      // within the rules that come nearest to both them and the tone's mean.
+      // One entry moves the mean by its spacing over 255 (a third of a tone
+      // with even drops), so the two are weighed together; weighing the
+      // shares one by one (not only M) lets D fall towards the shape even
+      // where a step that holds D would hit the mean exactly.
+      const double share = shape(s);
+      const double ideal_up = lo + hi > 0 ? 255.0 * (s + share * lo) / (lo + hi) : 0;
+      const double ideal_down = lo + hi > 0 ? 255.0 * (share * hi - s) / (lo + hi) : 0;
+      // M falls only before the turn and rises only after it, except that it
+      // turns early when the pixels at j - 1 run out before the shape's
+      // lowest point (drops close together): only a rising M can then carry
+      // the tone.
+      const bool may_fall = !tr.rising && falling, may_rise = tr.rising || !falling || down == 0;
       uint32_t traded = tr.traded, up = tr.up;
       double best = 1e300;
-      for (uint32_t cand = 0; cand <= 255; ++cand) {
-        if (tr.rising ? cand < tr.traded : cand < tr.up) continue;
-        if (falling && !tr.rising && cand > tr.traded && down > 0) continue;
-        const uint32_t least = std::max(tr.up, cand > down ? cand - down : 0u);
-        const double exact = lo + hi > 0 ? (255.0 * s + cand * lo) / (lo + hi) : 0;
-        uint32_t u = exact <= 0 ? 0 : static_cast<uint32_t>(std::floor(exact + 0.5));
-        u = std::min(std::max(u, least), cand);
-        const double miss = std::fabs(u * hi - (cand - u) * lo - 255.0 * s) +
-                            kLeaveShape * std::fmin(lo, hi) * std::fabs(static_cast<double>(cand) - ideal);
-        if (miss < best) {
-          best = miss;
-          traded = cand;
-          up = u;
-        }
-      }
+      auto consider = [&](int u0, int u1, int d0, int d1) {
+        for (int u = u0; u <= u1; ++u)
+          for (int dd = d0; dd <= d1 && u + dd <= 255; ++dd) {
+            const uint32_t cand = static_cast<uint32_t>(u + dd);
+            if ((cand < tr.traded && !may_fall) || (cand > tr.traded && !may_rise)) continue;
+            const double miss =
+                std::fabs(u * hi - dd * lo - 255.0 * s) +
+                kLeaveShape * (std::fabs(u - ideal_up) * hi + std::fabs(dd - ideal_down) * lo);
+            if (miss < best) {
+              best = miss;
+              traded = cand;
+              up = static_cast<uint32_t>(u);
+            }
+          }
+      };
+      const int iu = static_cast<int>(std::floor(ideal_up + 0.5)),
+                id = static_cast<int>(std::floor(ideal_down + 0.5));
+      const int least_up = static_cast<int>(tr.up), most_down = static_cast<int>(down);
+      consider(std::max(least_up, iu - kReach), std::min(255, std::max(least_up, iu) + kReach),
+               std::max(0, std::min(most_down, id) - kReach), std::min(most_down, std::max(0, id + kReach)));
+      // Far from the shape (the rules held the shares away): every choice.
+      if (best == 1e300) consider(least_up, 255, 0, most_down);
       if (!tr.rising && (!falling || traded > tr.traded)) {
         tr.valley = tr.traded;
         tr.rising = true;
@@ -346,7 +362,7 @@ void overlapped_levels(const double *d, uint32_t top, uint8_t *table) {
       }
       row[255] = row[254];
     }
-    last_up = tr.up;
+    last_traded = tr.traded;
     first = last + 1;
   }
 }

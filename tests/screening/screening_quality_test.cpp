@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <memory>
 #include <numeric>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "screening/screening_metrics.h"
@@ -306,7 +308,7 @@ TEST(ScreeningQuality, MultiLevelTransitionsAreSmooth) {
       }
     }
     const double ends = std::fmax(sigma[1], sigma[254]) / top;
-    // Measured 0.16 (even), 0.21 (profile), 0.17 (pattern); the goal.
+    // Measured 0.19 (even), 0.21 (profile), 0.17 (pattern); the goal.
     EXPECT_LE(jump / top, 0.35) << c.name << " at v " << at;
     EXPECT_LE(ends, c.end_steps) << c.name;
   }
@@ -380,7 +382,22 @@ TEST(ScreeningQuality, MaskLevelsRiseAndTradeFromOneEnd) {
        false},
       {"wide last step", density_settings(ZT_SCREEN_BLUE_NOISE, {0, 10, 20, 35, 100}, 3, drops[2]), 8,
        false}};
-  for (const Case &c : cases) {
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  // Random profiles of 3 to 8 drops, at least 1 % of full ink apart.
+  std::mt19937 random(17);
+  std::vector<std::vector<ScreeningDrop>> random_drops;
+  for (int i = 0; i < 40; ++i) {
+    const uint32_t n = 3 + random() % 6;
+    std::vector<double> targets{0};
+    for (uint32_t k = 1; k + 1 < n; ++k)
+      targets.push_back(targets.back() + 1 +
+                        (100.0 - targets.back() - 1.0 * (n - k)) * (random() % 1000) / 2500.0);
+    targets.push_back(100);
+    random_drops.emplace_back(n);
+    all.push_back(
+        {"random", density_settings(ZT_SCREEN_BLUE_NOISE, targets, 3, random_drops.back().data()), 8, false});
+  }
+  for (const Case &c : all) {
     Object o(CreateScreeningObject(&c.settings, 64, c.input_bits));
     ASSERT_NE(o, nullptr) << c.name;
     ASSERT_NE(o->levelTable, nullptr) << c.name;
@@ -391,6 +408,9 @@ TEST(ScreeningQuality, MaskLevelsRiseAndTradeFromOneEnd) {
     for (uint32_t k = 0; k <= top; ++k) d[k] = o->densities[k] * scale;
     for (uint32_t k = 1; k <= top; ++k) widest = std::fmax(widest, d[k] - d[k - 1]);
     const uint8_t *table = o->levelTable;
+    std::string drops_text;
+    for (uint32_t k = 0; k <= top; ++k) drops_text += " " + std::to_string(o->densities[k]);
+    SCOPED_TRACE(std::string(c.name) + drops_text);
     for (uint32_t m = 0; m < 255; ++m) {
       EXPECT_EQ(table[m], 0) << c.name;
       EXPECT_EQ(table[255 * 256 + m], top) << c.name;
