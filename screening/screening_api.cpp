@@ -323,8 +323,7 @@ ZT_API void DestroyScreeningObject(ScreeningObject *object) {
   std::free(object->channelInkLimit);
   std::free(object->blackLut);
   std::free(object->inputLut);
-  std::free(object->levelBase);
-  std::free(object->levelFraction);
+  std::free(object->levelTable);
   std::free(object->matrixRows);
   std::free(object->levelRows);
   for (uint8_t *tile : object->ditherScreens) std::free(tile);

@@ -38,10 +38,8 @@ void cache_release(int32_t *table);
 // level tables) and pattern screening through `ditherScreens`.
 int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
 int32_t screen_pattern(ScreeningObject *object, void *input, uint8_t *output, uint32_t width, uint32_t y);
-// Share of a drop's pixels the blue-noise mask trades for its neighbours
-// at the drop's own density (overlapped level ranges).
-inline constexpr double kLevelTrade = 0.5;
-// Builds levelBase / levelFraction from the densities when levels > 2.
+// Builds levelTable (and levelRows where they fit) from the densities when
+// levels > 2.
 int32_t build_level_tables(ScreeningObject *object);
 // Copies each matrix row with its first 16 entries repeated after it
 // (matrixRows), so that vector loops read any 16 entries from any phase.

@@ -93,33 +93,27 @@ inline void store_codes(uint8_t *out, uint32_t bytes_per_plane, uint32_t planes,
   }
 }
 
+// Multi-level through the level of each (value, entry) pair: any number of
+// levels, and the reference the sixteen-pixel loop is checked against.
 void threshold_multi(const ScreeningObject *o, const uint8_t *in, uint8_t *out, uint32_t x0, uint32_t n,
                      const uint8_t *ext) {
   const uint32_t cw = o->cellWidth;
-  const uint8_t *base = o->levelBase;
-  const uint8_t *frac = o->levelFraction, *frac2 = o->levelFraction + 256;
+  const uint8_t *table = o->levelTable;
   const uint16_t *codes = o->dotCodes;
-  const uint32_t top = o->levels - 1;
-  // Code of each (value, shares above the entry) pair, looked up once a pixel.
-  uint32_t code_of[3][256];
-  for (uint32_t v = 0; v < 256; ++v)
-    for (uint32_t up = 0; up < 3; ++up) code_of[up][v] = codes[base[v] + up <= top ? base[v] + up : top];
   uint32_t mx = x0 % cw;
   uint32_t i = 0;
   if ((x0 & 7) == 0) {
     uint32_t c8[8];
     for (; i + 8 <= n; i += 8) {
       for (uint32_t b = 0; b < 8; ++b) {
-        const uint8_t v = in[i + b];
-        c8[b] = code_of[(frac[v] > ext[mx] ? 1 : 0) + (frac2[v] > ext[mx] ? 1 : 0)][v];
+        c8[b] = codes[table[in[i + b] * 256u + ext[mx]]];
         if (++mx == cw) mx = 0;
       }
       store_codes(out, o->bytesPerPlane, o->outputPlanes, (x0 + i) >> 3, c8);
     }
   }
   for (; i < n; ++i) {
-    const uint8_t v = in[i];
-    const uint32_t level = base[v] + (frac[v] > ext[mx] ? 1u : 0u) + (frac2[v] > ext[mx] ? 1u : 0u);
+    const uint32_t level = table[in[i] * 256u + ext[mx]];
     if (level != 0) write_code(out, o->bytesPerPlane, o->outputPlanes, x0 + i, codes[level]);
     if (++mx == cw) mx = 0;
   }
@@ -212,13 +206,173 @@ int32_t build_matrix_rows(ScreeningObject *object) {
   return 0;
 }
 
+namespace {
+
+// Adjacent ranges: between two drop densities the share of pixels at the
+// darker drop rises linearly, the lowest entries first, so the mean density
+// follows the tone. Clustered cells grow their dots this way.
+void adjacent_levels(const double *d, uint32_t top, uint8_t *table) {
+  for (uint32_t v = 0; v < 256; ++v) {
+    uint8_t *row = table + v * 256;
+    std::memset(row, 0, 256);
+    for (uint32_t k = 1; k <= top; ++k) {
+      const double f = v <= d[k - 1] ? 0.0 : v >= d[k] ? 1.0 : (v - d[k - 1]) / (d[k] - d[k - 1]);
+      // A full level holds every entry, 255 too (screen files may use it).
+      const uint32_t q = f >= 1.0 ? 256 : static_cast<uint32_t>(std::floor(f * 255.0 + 0.5));
+      for (uint32_t m = 0; m < q; ++m) ++row[m];
+    }
+  }
+}
+
+// The blue-noise mask trades pixels around each inner drop density j for
+// its lighter and darker neighbours, so the texture does not collapse to
+// one level at j and jump just above it. The traded pixels, those not at
+// j, are the minority there; they are taken from ONE end of the mask's
+// ranks (the top for odd j, the bottom for even j), so that they form a
+// single blue-noise set. Two sets from both ends laid over each other are
+// not blue and chain into worms. The ends alternate because the pixels left
+// behind by one transition sit at the end the next transition starts from.
+//
+// Around j, M entries (255ths of the pixels) are traded: U go to j + 1 and
+// D = M - U to j - 1, with U hi - D lo = 255 (v - d[j]) so the mean follows
+// the tone. For every pixel's level to rise with the tone, U must never fall,
+// D never rise, and M fall then rise (while it falls the traded range loses
+// its innermost pixels to j; while it rises it gains pixels from j, which
+// go to j + 1). Outside the window M is the plain V of the adjacent ranges;
+// inside, a quadratic through the V's vertex rounds it off, which keeps the
+// slopes within the V's (the bounds the rules above set) and trades about a
+// quarter of the pixels at j itself.
+
+// Half-width of the window on each side of a drop density, as a share of
+// the spacing on that side: a half lets neighbouring windows just meet.
+constexpr double kTradeWindow = 0.5;
+// What leaving the shape weighs against missing the mean (both in entries
+// times their spacing). Below one, so that with even drops an entry off the
+// shape is worth a mean hit exactly; much lower and the shares drift far
+// from the shape chasing means that uneven drops cannot hit anyway.
+constexpr double kLeaveShape = 0.45;
+// How many entries either side of the shape's shares are tried first.
+constexpr int kReach = 8;
+
+struct Trade {
+  uint32_t traded, up, valley;  // M, U and M where M stopped falling
+  bool rising;
+};
+
+void overlapped_levels(const double *d, uint32_t top, uint8_t *table) {
+  // M of the previous drop's last tone: its pixels at j and at j - 2 lie
+  // within that many entries of this drop's far end and must not fall below
+  // j, so this drop's M starts no higher than the rest.
+  uint32_t last_traded = 0;
+  uint32_t first = 0;
+  for (uint32_t j = 1; j < top; ++j) {
+    const double lo = d[j] - d[j - 1], hi = d[j + 1] - d[j];
+    // The tones this drop answers for: up to the midpoint to the next one.
+    uint32_t last = j + 1 == top ? 255 : static_cast<uint32_t>(std::floor((d[j] + d[j + 1]) / 2));
+    if (last + 1 < first) last = first - 1;
+    // The window reaches half the spacing on each side, so neighbouring
+    // windows meet at the midpoints, where the V is one half.
+    const bool window = lo >= 1 && hi >= 1;
+    const double a = kTradeWindow * lo, b = kTradeWindow * hi;
+    auto shape = [&](double s) {
+      if (window && s > -a && s < b) {
+        // The quadratic from the V's value and slope at -a to those at b,
+        // controlled by the vertex; x(t) = -a (1 - t)^2 + b t^2.
+        const double t = std::fabs(b - a) < 1e-9 ? (a + s) / (2 * a)
+                                                 : (std::sqrt(a * a + (b - a) * (a + s)) - a) / (b - a);
+        return a / lo * (1 - t) * (1 - t) + b / hi * t * t;
+      }
+      const double m = s < 0 ? (lo > 0 ? -s / lo : 1.0) : hi > 0 ? s / hi : s > 0 ? 1.0 : 0.0;
+      return m > 1 ? 1.0 : m;
+    };
+    auto round255 = [](double m) { return static_cast<uint32_t>(std::floor(m * 255.0 + 0.5)); };
+    // The tone where M stops falling: the middle of the shape's lowest run.
+    uint32_t low = first, high = first;
+    for (uint32_t v = first; v <= last; ++v) {
+      const uint32_t m = round255(shape(v - d[j])), least = round255(shape(low - d[j]));
+      if (m < least) low = high = v;
+      if (m == least) high = v;
+    }
+    const uint32_t turn = (low + high) / 2;
+    Trade tr{255 - last_traded, 0, 0, false};
+    uint32_t down = tr.traded;
+    for (uint32_t v = first; v <= last; ++v) {
+      const double s = v - d[j];
+      const bool falling = v <= turn;
+      // The shares the shape asks for, then the U and D (whole entries)
+      // within the rules that come nearest to both them and the tone's mean.
+      // One entry moves the mean by its spacing over 255 (a third of a tone
+      // with even drops), so the two are weighed together; weighing the
+      // shares one by one (not only M) lets D fall towards the shape even
+      // where a step that holds D would hit the mean exactly.
+      const double share = shape(s);
+      const double ideal_up = lo + hi > 0 ? 255.0 * (s + share * lo) / (lo + hi) : 0;
+      const double ideal_down = lo + hi > 0 ? 255.0 * (share * hi - s) / (lo + hi) : 0;
+      // M falls only before the turn and rises only after it, except that it
+      // turns early when the pixels at j - 1 run out before the shape's
+      // lowest point (drops close together): only a rising M can then carry
+      // the tone.
+      const bool may_fall = !tr.rising && falling, may_rise = tr.rising || !falling || down == 0;
+      uint32_t traded = tr.traded, up = tr.up;
+      double best = 1e300;
+      auto consider = [&](int u0, int u1, int d0, int d1) {
+        for (int u = u0; u <= u1; ++u)
+          for (int dd = d0; dd <= d1 && u + dd <= 255; ++dd) {
+            const uint32_t cand = static_cast<uint32_t>(u + dd);
+            if ((cand < tr.traded && !may_fall) || (cand > tr.traded && !may_rise)) continue;
+            const double miss =
+                std::fabs(u * hi - dd * lo - 255.0 * s) +
+                kLeaveShape * (std::fabs(u - ideal_up) * hi + std::fabs(dd - ideal_down) * lo);
+            if (miss < best) {
+              best = miss;
+              traded = cand;
+              up = static_cast<uint32_t>(u);
+            }
+          }
+      };
+      const int iu = static_cast<int>(std::floor(ideal_up + 0.5)),
+                id = static_cast<int>(std::floor(ideal_down + 0.5));
+      const int least_up = static_cast<int>(tr.up), most_down = static_cast<int>(down);
+      consider(std::max(least_up, iu - kReach), std::min(255, std::max(least_up, iu) + kReach),
+               std::max(0, std::min(most_down, id) - kReach), std::min(most_down, std::max(0, id + kReach)));
+      // Far from the shape (the rules held the shares away): every choice.
+      if (best == 1e300) consider(least_up, 255, 0, most_down);
+      if (!tr.rising && (!falling || traded > tr.traded)) {
+        tr.valley = tr.traded;
+        tr.rising = true;
+      }
+      tr.traded = traded;
+      tr.up = up;
+      down = traded - up;
+      uint8_t *row = table + v * 256;
+      for (uint32_t m = 0; m < 255; ++m) {
+        const uint32_t p = (j & 1u) != 0 ? m : 254 - m;
+        uint32_t level = j;
+        if (!tr.rising) {
+          if (p >= 255 - up)
+            level = j + 1;
+          else if (p >= 255 - traded)
+            level = j - 1;
+        } else if (p >= 255 - tr.valley && p < 255 - tr.valley + down) {
+          level = j - 1;
+        } else if (p >= 255 - traded) {
+          level = j + 1;
+        }
+        row[m] = static_cast<uint8_t>(level);
+      }
+      row[255] = row[254];
+    }
+    last_traded = tr.traded;
+    first = last + 1;
+  }
+}
+
+}  // namespace
+
 int32_t build_level_tables(ScreeningObject *object) {
   if (object->levels <= 2) return 0;
-  // levelFraction holds two tables: the share of pixels one level above the
-  // base, then two levels above (non-zero only where ranges overlap).
-  object->levelBase = static_cast<uint8_t *>(std::malloc(256));
-  object->levelFraction = static_cast<uint8_t *>(std::malloc(512));
-  if (object->levelBase == nullptr || object->levelFraction == nullptr) {
+  object->levelTable = static_cast<uint8_t *>(std::malloc(256 * 256));
+  if (object->levelTable == nullptr) {
     ZT_LOG(kModule, "CreateScreeningObject", "Cannot allocate memory for thresholds");
     return -1;
   }
@@ -226,66 +380,11 @@ int32_t build_level_tables(ScreeningObject *object) {
   double d[256];
   for (uint32_t k = 0; k <= top; ++k)
     d[k] = object->inputBits == 16 ? object->densities[k] * 255.0 / 65535.0 : object->densities[k];
-  // cover(k, v): the share of pixels at level k or above at tone v. Between
-  // two drop densities it rises linearly from one to the other, so the mean
-  // density follows the tone. The blue-noise mask overlaps the ranges: around
-  // each inner drop density up to half of that drop's pixels trade for its
-  // lighter and darker neighbours, in proportions that keep the mean. With
-  // plain adjacent ranges every pixel sits at one level right at a drop's
-  // density and the texture then jumps as the next drop comes in.
-  const bool overlap = object->mode == ZT_SCREEN_BLUE_NOISE;
-  constexpr double kTrade = kLevelTrade;
-  auto cover = [&](uint32_t k, double v) {
-    double f = v <= d[k - 1] ? 0.0 : v >= d[k] ? 1.0 : (v - d[k - 1]) / (d[k] - d[k - 1]);
-    if (!overlap) return f;
-    // The exchange around density j: `up` of the pixels go to j + 1, and
-    // `up` * (d[j+1] - d[j]) / (d[j] - d[j-1]) to j - 1. It swells and
-    // fades smoothly (a new drop enters a few pixels at a time) over half
-    // the nearer spacing each side, so neighbouring exchanges never meet,
-    // and it is capped where a share would fall as the tone rises
-    // (the smooth step's steepest slope is 1.5).
-    auto bump = [&](uint32_t j, double &up, double &down) {
-      up = down = 0;
-      if (j == 0 || j >= top) return;
-      const double lo = d[j] - d[j - 1], hi = d[j + 1] - d[j];
-      const double width = 0.5 * std::fmin(lo, hi);
-      const double t = 1 - std::fabs(v - d[j]) / width;
-      if (t <= 0) return;
-      const double peak = std::fmin(kTrade * lo / (lo + hi), width / (1.5 * hi));
-      up = peak * t * t * (3 - 2 * t);
-      down = up * hi / lo;
-    };
-    double up = 0, down = 0;
-    bump(k - 1, up, down);
-    f += up;
-    bump(k, up, down);
-    f -= down;
-    return f < 0 ? 0.0 : f > 1 ? 1.0 : f;
-  };
-  uint8_t *base = object->levelBase, *first = object->levelFraction, *second = object->levelFraction + 256;
-  std::vector<uint8_t> last(top + 1, 0);
-  for (uint32_t v = 0; v < 256; ++v) {
-    uint32_t full = 0;
-    uint8_t share[2] = {0, 0};
-    uint8_t above = 255;
-    for (uint32_t k = 1; k <= top; ++k) {
-      const double f = cover(k, v);
-      // Rounded to the mask's 255ths, never falling with the tone and never
-      // above the level below it, so each pixel's level only rises.
-      uint8_t q = f >= 1.0 ? 255 : static_cast<uint8_t>(std::floor(f * 255.0 + 0.5));
-      if (q < last[k]) q = last[k];
-      if (q > above) q = above;
-      last[k] = above = q;
-      if (f >= 1.0 && full + 1 == k) {
-        full = k;
-      } else if (k - full <= 2) {
-        share[k - full - 1] = q;
-      }
-    }
-    base[v] = static_cast<uint8_t>(full);
-    first[v] = share[0];
-    second[v] = share[1];
-  }
+  uint8_t *table = object->levelTable;
+  if (object->mode == ZT_SCREEN_BLUE_NOISE)
+    overlapped_levels(d, top, table);
+  else
+    adjacent_levels(d, top, table);
   if (top > 16 || object->matrixRows == nullptr) return 0;
   // Row k - 1 holds, for each entry m, the largest value whose level stays
   // below k; levels grow with the value, so "above it" is "level >= k".
@@ -299,8 +398,7 @@ int32_t build_level_tables(ScreeningObject *object) {
   for (uint32_t m = 0; m < 256; ++m) {
     uint32_t v = 0;
     for (uint32_t level = 1; level <= top; ++level) {
-      while (v < 255 && base[v + 1] + (first[v + 1] > m ? 1u : 0u) + (second[v + 1] > m ? 1u : 0u) < level)
-        ++v;
+      while (v < 255 && table[(v + 1) * 256 + m] < level) ++v;
       below[level - 1][m] = static_cast<uint8_t>(v);
     }
   }
@@ -315,7 +413,7 @@ int32_t screen_threshold(ScreeningObject *object, void *input, uint8_t *output, 
   std::memset(output, 0, object->outputBytes);
   const uint8_t *row =
       object->matrixRows + static_cast<size_t>(y % object->cellHeight) * (object->cellWidth + 16);
-  const bool multi = object->levelBase != nullptr;
+  const bool multi = object->levelTable != nullptr;
   const uint32_t ty = y % object->cellHeight;
   over_bytes(object, input, width, [&](const uint8_t *in, uint32_t x0, uint32_t n) {
     if (object->levelRows != nullptr)

@@ -28,7 +28,8 @@
  * levels whose densities enclose the value, the matrix deciding which, so the
  * mean density follows the input; the blue-noise mask overlaps neighbouring
  * ranges around each inner drop density, so the texture does not jump as a
- * drop comes in. Pattern mode is two-level.
+ * drop comes in, and takes the pixels it trades there from one end of its
+ * ranks, so that they stay one blue-noise set. Pattern mode is two-level.
  *
  * Error diffusion, readings of the text we settled:
  *  - Every line starts with the next-row entry under its first pixel and the
@@ -168,8 +169,8 @@ struct ScreeningObject {
   uint32_t byteOutput;    /* 16-to-8 objects: one byte a pixel, outputBytes = width */
   double effectiveLpi;    /* halftone modes: what the cell achieves */
   double effectiveAngle;  /* degrees */
-  uint8_t *levelBase;     /* multi-level thresholds: base level of each 8-bit value */
-  uint8_t *levelFraction; /* ... the share one level above it (256), then two above (256) */
+  uint8_t *levelTable;    /* multi-level: level of each (8-bit value, matrix entry) pair,
+                             256 x 256, value major */
   uint8_t *matrixRows;    /* matrix rows of cellWidth + 16, wrapped: for the loops */
   uint8_t *levelRows;     /* multi-level: for each level k >= 1, rows like matrixRows
                              holding the largest value that stays below level k */
