@@ -173,6 +173,38 @@ TEST(DitherTest, RealNoiseQuotientIsTheDivision) {
   }
 }
 
+// The vector form runs the library's real noise through the integer rule
+// with floor(257 n) and falls back on the floats where an entry lies too
+// close to call. Every entry of the table is met here with a sample that puts
+// s + floor(257 n) on a multiple of 257 or one short of it (the only samples
+// where the two rules can part), at a random multiple each pass; some passes
+// mix in ends, so the entries reach the lanes out of step with the samples.
+TEST(DitherTest, RealNoiseAtEveryEntrysEdgeMatchesBaseline) {
+  if (ZT_SimdBestLevel() < ZT_SIMD_AVX2) GTEST_SKIP() << "no AVX2";
+  LibraryScope library;
+  std::mt19937 rng(11);
+  DitherContext ctx{};
+  ditherSetup(&ctx, 2, 1);
+  const auto *real = static_cast<const float *>(ctx.tableStart);
+  ctx.tableCursor = real;
+  for (const uint32_t ends_percent : {0u, 0u, 0u, 0u, 0u, 0u, 30u, 30u}) {
+    std::vector<uint16_t> in;
+    size_t entry = 0;
+    while (entry < ZT_DITHER_TABLE_SIZE) {
+      if (rng() % 100 < ends_percent) {
+        in.push_back(rng() % 2 == 0 ? 0 : 65535);
+        continue;
+      }
+      const auto k = static_cast<int32_t>(std::floor(257.0 * static_cast<double>(real[entry])));
+      int32_t s = 0;
+      while (s < 1 || s > 65534) s = 257 * static_cast<int32_t>(rng() % 256 + 1) - k - static_cast<int32_t>(rng() % 2);
+      in.push_back(static_cast<uint16_t>(s));
+      ++entry;
+    }
+    expect_same_bytes(ctx, in, "ends " + std::to_string(ends_percent) + "%");
+  }
+}
+
 // The plain methods worked by hand: 1 rounds (128 / 257 = 0.498), 9
 // truncates (32768 / 257 = 127.5), 4 gives 0 for full ink; at 24 bits 8
 // floors (8421504 / 65793 = 128.0).
