@@ -323,15 +323,16 @@ inline __m256i flag_lanes(uint32_t bits) {
 // whether a taking lane sits on an edge while any of those entries is
 // flagged: the caller then redoes the block from the floats.
 template <Noise K>
-inline __m256i noise_quotients_with_ends(const NoiseConstants &c, __m256i s, const int16_t *noise, uint32_t flags,
-                                         size_t *taken, bool *floats) {
+inline __m256i noise_quotients_with_ends(const NoiseConstants &c, __m256i s, const int16_t *noise,
+                                         uint32_t flags, size_t *taken, bool *floats) {
   const __m256i ends = _mm256_or_si256(_mm256_cmpeq_epi16(s, _mm256_setzero_si256()),
                                        _mm256_cmpeq_epi16(s, _mm256_set1_epi16(-1)));
   const auto m = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_packs_epi16(ends, ends)));
   const uint32_t take_lo = ~m & 0xFFu, take_hi = ~(m >> 16) & 0xFFu;
   const auto count_lo = static_cast<size_t>(__builtin_popcount(take_lo));
-  const __m128i lo = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(noise)),
-                                      _mm_loadu_si128(reinterpret_cast<const __m128i *>(kExpand16.lane[take_lo])));
+  const __m128i lo =
+      _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(noise)),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(kExpand16.lane[take_lo])));
   const __m128i hi =
       _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(noise + count_lo)),
                        _mm_loadu_si128(reinterpret_cast<const __m128i *>(kExpand16.lane[take_hi])));
@@ -339,7 +340,8 @@ inline __m256i noise_quotients_with_ends(const NoiseConstants &c, __m256i s, con
   const __m256i q = noise_quotients<K>(c, s, _mm256_set_m128i(hi, lo), &v);
   *taken = count_lo + static_cast<size_t>(__builtin_popcount(take_hi));
   if constexpr (K == Noise::kReal) {
-    *floats = (flags & ((1u << *taken) - 1u)) != 0 && real_on_edge(v, q, _mm256_xor_si256(ends, _mm256_set1_epi16(-1)));
+    *floats = (flags & ((1u << *taken) - 1u)) != 0 &&
+              real_on_edge(v, q, _mm256_xor_si256(ends, _mm256_set1_epi16(-1)));
   }
   return _mm256_blendv_epi8(q, _mm256_and_si256(s, _mm256_set1_epi16(255)), ends);
 }
@@ -361,7 +363,8 @@ inline void store_bytes16(uint8_t *out, __m256i q) {
 [[gnu::noinline, gnu::cold]] inline void redo_from_floats(uint8_t *out, const uint16_t *in, size_t count,
                                                           const float *real, size_t size, size_t from) {
   const float *cursor = real + from;
-  for (size_t k = 0; k < count; ++k) out[k] = dither_step(in[k], cursor, real, real + size, dither_real_sample);
+  for (size_t k = 0; k < count; ++k)
+    out[k] = dither_step(in[k], cursor, real, real + size, dither_real_sample);
 }
 
 // Sixteen samples at `in` (already loaded as `s`) that may hold ends; returns
@@ -374,7 +377,8 @@ inline size_t dither_block16_with_ends(const NoiseConstants &c, uint8_t *out, co
   const uint32_t flags = K == Noise::kReal ? real_flags32(real.flags, index) & 0xFFFFu : 0;
   store_bytes16(out, noise_quotients_with_ends<K>(c, s, table + index, flags, &taken, &floats));
   if constexpr (K == Noise::kReal)
-    if (floats) [[unlikely]] redo_from_floats(out, in, 16, real.floats, size, index);
+    if (floats) [[unlikely]]
+      redo_from_floats(out, in, 16, real.floats, size, index);
   index += taken;
   return index >= size ? index - size : index;
 }
@@ -384,8 +388,8 @@ inline size_t dither_block16_with_ends(const NoiseConstants &c, uint8_t *out, co
 // the wrap in the middle of a load. The loop keeps its state in locals: every
 // byte store may alias anything, so state behind a pointer would be reloaded.
 template <Noise K>
-size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size, size_t index,
-                      RealNoise real) {
+size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size,
+                      size_t index, RealNoise real) {
   const NoiseConstants c;
   size_t i = 0;
   while (i + 32 <= n) {
@@ -411,17 +415,20 @@ size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t 
       // Read before the store, which the compiler must assume may write them.
       const uint32_t flags = K == Noise::kReal ? real_flags32(real.flags, at) : 0;
       __m256i v0, v1;
-      const __m256i q0 = noise_quotients<K>(c, s0, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise)), &v0);
+      const __m256i q0 =
+          noise_quotients<K>(c, s0, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise)), &v0);
       const __m256i q1 =
           noise_quotients<K>(c, s1, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise + 16)), &v1);
-      _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst), _mm256_permute4x64_epi64(_mm256_packus_epi16(q0, q1), 0xD8));
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst),
+                          _mm256_permute4x64_epi64(_mm256_packus_epi16(q0, q1), 0xD8));
       if constexpr (K == Noise::kReal) {
         if (flags != 0) [[unlikely]] {
           const size_t from = at < size ? at : at - size;
           if (real_on_edge(v0, q0, flag_lanes(flags & 0xFFFFu)))
             redo_from_floats(dst, src, 16, real.floats, size, from);
           if (real_on_edge(v1, q1, flag_lanes(flags >> 16)))
-            redo_from_floats(dst + 16, src + 16, 16, real.floats, size, from + 16 < size ? from + 16 : from + 16 - size);
+            redo_from_floats(dst + 16, src + 16, 16, real.floats, size,
+                             from + 16 < size ? from + 16 : from + 16 - size);
         }
       }
     }
@@ -431,18 +438,19 @@ size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t 
     if (index >= size) index -= size;
     if (src != stop) {
       // A block with an end in it: two halves with their lanes sorted out.
-      index = dither_block16_with_ends<K>(c, out + i, in + i, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)),
+      index = dither_block16_with_ends<K>(c, out + i, in + i,
+                                          _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)),
                                           table, size, index, real);
       index = dither_block16_with_ends<K>(c, out + i + 16, in + i + 16,
-                                          _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16)), table,
-                                          size, index, real);
+                                          _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16)),
+                                          table, size, index, real);
       i += 32;
     }
   }
   if (i + 16 <= n) {
     index = dither_block16_with_ends<K>(c, out + i, in + i,
-                                        _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)), table, size,
-                                        index, real);
+                                        _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)), table,
+                                        size, index, real);
     i += 16;
   }
   if (i < n) {
@@ -451,8 +459,8 @@ size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t 
     alignas(32) uint16_t tail[16] = {};
     alignas(16) uint8_t bytes[16];
     for (size_t k = i; k < n; ++k) tail[k - i] = in[k];
-    index = dither_block16_with_ends<K>(c, bytes, tail, _mm256_load_si256(reinterpret_cast<const __m256i *>(tail)),
-                                        table, size, index, real);
+    index = dither_block16_with_ends<K>(
+        c, bytes, tail, _mm256_load_si256(reinterpret_cast<const __m256i *>(tail)), table, size, index, real);
     for (size_t k = i; k < n; ++k) out[k] = bytes[k - i];
   }
   return index;
@@ -463,8 +471,8 @@ size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t 
 // of `size` entries (followed by 32 that repeat its start), from entry
 // `index`; returns the index after the entries taken. Samples of 0 and 65535
 // take no noise.
-size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size, size_t index,
-                       bool narrow) {
+size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size,
+                       size_t index, bool narrow) {
 #if defined(__AVX2__)
   return narrow ? dither_noise16<Noise::kNarrow>(out, in, n, table, size, index, {})
                 : dither_noise16<Noise::kWide>(out, in, n, table, size, index, {});
@@ -480,8 +488,8 @@ size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t
 // entry `index`. `table` is its 16-bit form, floor(257 n) an entry, and
 // `flags` one bit an entry for those the integer rule may get wrong, both
 // padded like the integer copies. The baseline reads the floats only.
-size_t dither16to8_real16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, const uint8_t *flags,
-                          const float *real, size_t size, size_t index) {
+size_t dither16to8_real16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table,
+                          const uint8_t *flags, const float *real, size_t size, size_t index) {
 #if defined(__AVX2__)
   return dither_noise16<Noise::kReal>(out, in, n, table, size, index, RealNoise{real, flags});
 #else

@@ -137,7 +137,8 @@ void planes4_16_to_pixels8(uint8_t *dst, const uint16_t *p0, const uint16_t *p1,
     const __m256i cd = _mm256_or_si256(bytes(p2 + at), _mm256_slli_epi16(bytes(p3 + at), 8));
     const __m256i lo = _mm256_unpacklo_epi16(ab, cd), hi = _mm256_unpackhi_epi16(ab, cd);
     _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * at), _mm256_permute2x128_si256(lo, hi, 0x20));
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * at + 32), _mm256_permute2x128_si256(lo, hi, 0x31));
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + 4 * at + 32),
+                        _mm256_permute2x128_si256(lo, hi, 0x31));
   };
   // 32 pixels an iteration: one cache line of each plane, one prefetch each.
   for (; i + 32 <= width; i += 32) {

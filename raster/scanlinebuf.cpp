@@ -207,7 +207,8 @@ int32_t copy_rect(ScanlineBuf *dst, const ScanlineBuf *src, uint32_t sx, uint32_
       uint8_t *out = drow + size_t{dx} * ch * dbps;
       if (fused) {
         const ptrdiff_t next_row = y + 1 < h ? row_ptr(src, sy + y + 1) - srow : 0;
-        line16_to_pixel8_4(out, reinterpret_cast<const uint16_t *>(srow) + sx, w, plane_samples(src), next_row);
+        line16_to_pixel8_4(out, reinterpret_cast<const uint16_t *>(srow) + sx, w, plane_samples(src),
+                           next_row);
       } else if (stage.empty()) {
         line_to_pixel(out, srow + size_t{sx} * dbps, w, ch, dbps, plane_samples(src));
       } else {
