@@ -45,43 +45,47 @@ uint8_t saturate(double v) { return v >= 255.0 ? 255 : static_cast<uint8_t>(v); 
 
 float uniform01() { return static_cast<float>(static_cast<double>(ZT_random32()) / 4294967295.0); }
 
-// A sample with real noise, as the kernels compute it.
-uint8_t real_rule(uint32_t s, float noise) {
-  const float v = static_cast<float>(s) / 257.0f + noise;
+// A sample with real noise, as the kernels compute it, from its quotient
+// s / 257.0f.
+uint8_t real_rule(float quotient, float noise) {
+  const float v = quotient + noise;
   if (v <= 0.0f) return 0;
   if (v >= 255.0f) return 255;
   return static_cast<uint8_t>(v);
 }
 
 // A real entry n in 16 bits: floor(257 n), and whether that alone may not
-// give the float rule's byte for some sample.
+// give the float rule's byte for some sample. `quotients` holds s / 257.0f
+// for every s.
 //
 // With k = floor(257 n), exact arithmetic gives floor((s + 257 n) / 257) =
 // floor((s + k) / 257) for every integer s, so the kernels can run the integer
-// rule. The float sum strays from the exact one by under 2^-16 (half a unit
+// rule. The float sum strays from the exact one by at most 2^-16 (half a unit
 // in the last place for the quotient and for the sum below 256), 257 / 65536
 // of a sample step; only where s + 257 n lies that close to a multiple of 257
 // can the truncation differ, which takes s + k = 257 m or 257 m - 1 and the
-// fraction 257 n - k within that distance of 0 or 1. Entries that close (about
-// one in 64 with the margin doubled) are tried on every such sample; those
-// that do differ somewhere keep the flag, and the kernels redo the samples
-// that land on the multiple from the floats.
-int16_t real16_entry(float noise, bool *flag_out) {
-  constexpr double kClose = 1.0 / 128.0;
+// fraction 257 n - k within that distance of 0 or 1. Entries within 1/200 (a
+// quarter more than that distance, about one in a hundred) are tried on
+// every such sample; those that do differ somewhere keep the flag, and the
+// kernels redo the samples that land on the multiple from the floats.
+int16_t real16_entry(float noise, const float *quotients, bool *flag_out) {
+  constexpr double kClose = 1.0 / 200.0;
   const double scaled = 257.0 * static_cast<double>(noise);  // exact: 24 + 9 bits
   const double whole = std::floor(scaled);
   const auto k = static_cast<int32_t>(whole);
-  bool flag = false;
+  bool differs = false;
   if (scaled - whole < kClose || scaled - whole > 1.0 - kClose) {
-    for (int32_t m = 0; m <= 256 && !flag; ++m) {
-      for (const int32_t s : {257 * m - k, 257 * m - k - 1}) {
+    // s + k = 257 m - c gives the integer rule's byte clamp(m - c, 0, 255).
+    for (int32_t c = 0; c < 2; ++c) {
+      for (int32_t m = 0; m <= 256; ++m) {
+        const int32_t s = 257 * m - k - c;
         if (s < 1 || s > 65534) continue;
-        const int32_t v = std::min(std::max(s + k, 0), 65535);
-        if (real_rule(static_cast<uint32_t>(s), noise) != v / 257) flag = true;
+        const int32_t expect = std::min(std::max(m - c, 0), 255);
+        differs |= real_rule(quotients[s], noise) != expect;
       }
     }
   }
-  *flag_out = flag;
+  *flag_out = differs;
   return static_cast<int16_t>(k);
 }
 
@@ -98,8 +102,11 @@ int32_t dither_tables_init(const char *module, const char *function) {
   t.narrow16.reset(new (std::nothrow) int16_t[kTableSize + kNoiseTablePad]);
   t.real16.reset(new (std::nothrow) int16_t[kTableSize + kNoiseTablePad]);
   t.real_flags.reset(new (std::nothrow) uint8_t[kFlagBytes]());
+  // Scratch for the flags: the float quotient of every sample, worked out
+  // once rather than for each of the half million or so samples tried.
+  std::unique_ptr<float[]> quotients(new (std::nothrow) float[65536]);
   if (t.real == nullptr || t.wide == nullptr || t.narrow == nullptr || t.wide16 == nullptr ||
-      t.narrow16 == nullptr || t.real16 == nullptr || t.real_flags == nullptr) {
+      t.narrow16 == nullptr || t.real16 == nullptr || t.real_flags == nullptr || quotients == nullptr) {
     ZT_LOG(module, function, "Cannot allocate memory");
     return -1;
   }
@@ -121,12 +128,13 @@ int32_t dither_tables_init(const char *module, const char *function) {
     const int32_t r2 = ZT_randomIntInRange(0, 257);
     t.narrow[i] = r1 - r2 + 128;
   }
+  for (uint32_t v = 0; v < 65536; ++v) quotients[v] = static_cast<float>(v) / 257.0f;
   for (size_t i = 0; i < kTableSize + kNoiseTablePad; ++i) {
     const size_t at = i < kTableSize ? i : i - kTableSize;
     t.wide16[i] = static_cast<int16_t>(t.wide[at]);
     t.narrow16[i] = static_cast<int16_t>(t.narrow[at]);
     bool flag = false;
-    t.real16[i] = i < kTableSize ? real16_entry(t.real[i], &flag) : t.real16[at];
+    t.real16[i] = i < kTableSize ? real16_entry(t.real[i], quotients.get(), &flag) : t.real16[at];
     if (i >= kTableSize) flag = ((t.real_flags[at / 8] >> (at % 8)) & 1u) != 0;
     if (flag) t.real_flags[i / 8] = static_cast<uint8_t>(t.real_flags[i / 8] | (1u << (i % 8)));
   }
