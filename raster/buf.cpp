@@ -24,6 +24,8 @@ size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t
                        bool narrow);
 const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const float *start,
                               const float *end, const float *cursor);
+size_t dither16to8_real16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, const uint8_t *flags,
+                          const float *real, size_t size, size_t index);
 }  // namespace avx2
 
 namespace {
@@ -41,10 +43,12 @@ constexpr Table16To8 make_table16to8() {
 }
 alignas(64) constexpr Table16To8 kTable16To8 = make_table16to8();
 
-constexpr BufKernels kBaseline = {baseline::copy1to8,  baseline::copy1to16,       baseline::copy8to16,
-                                  baseline::copy16to8, baseline::dither16to8_int, baseline::dither16to8_real};
-constexpr BufKernels kAvx2 = {avx2::copy1to8,  avx2::copy1to16,       avx2::copy8to16,
-                              avx2::copy16to8, avx2::dither16to8_int, avx2::dither16to8_real};
+constexpr BufKernels kBaseline = {baseline::copy1to8,        baseline::copy1to16,       baseline::copy8to16,
+                                  baseline::copy16to8,       baseline::dither16to8_int, baseline::dither16to8_real,
+                                  baseline::dither16to8_real16};
+constexpr BufKernels kAvx2 = {avx2::copy1to8,        avx2::copy1to16,       avx2::copy8to16,
+                              avx2::copy16to8,       avx2::dither16to8_int, avx2::dither16to8_real,
+                              avx2::dither16to8_real16};
 
 BufKernels g_kernels = kBaseline;
 

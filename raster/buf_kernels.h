@@ -6,6 +6,7 @@
 #error "define ZT_KERNEL_NS before including buf_kernels.h"
 #endif
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -230,82 +231,274 @@ inline __m256 div257_ps(__m256 s) {
   const __m256 q = _mm256_mul_ps(s, reciprocal);
   return _mm256_fmadd_ps(_mm256_fnmadd_ps(q, k257, s), reciprocal, q);
 }
+#endif
 
-// x / 257 for 0 <= x < 2^17: x * 65281 as (x << 16) - (x << 8) + x, modulo
-// 2^32 like the product, then >> 24.
-inline __m256i div257(__m256i x) {
-  return _mm256_srli_epi32(
-      _mm256_add_epi32(_mm256_sub_epi32(_mm256_slli_epi32(x, 16), _mm256_slli_epi32(x, 8)), x), 24);
+#if defined(__AVX2__)
+// How a 16-bit noise entry reads: wide noise is never negative, so a plain
+// saturating add clamps the sum; narrow and real noise can be, and take the
+// biased signed add.
+enum class Noise { kWide, kNarrow, kReal };
+
+// What the real kind carries besides its 16-bit entries: the floats they
+// stand for and one bit an entry (LSB first, padded like the entries) set
+// where the integer rule may not give the float rule's byte.
+struct RealNoise {
+  const float *floats;
+  const uint8_t *flags;
+};
+
+// The flags of entries index ... index + 31 as bits 0 ... 31.
+inline uint32_t real_flags32(const uint8_t *flags, size_t index) {
+  uint64_t word;
+  __builtin_memcpy(&word, flags + index / 8, 8);
+  return static_cast<uint32_t>(word >> (index % 8));
+}
+
+// For each mask of the lanes (of eight) that take noise, the pshufb control
+// that hands each taking lane the 16-bit entry of its rank among them; lanes
+// that take none get a neighbour's entry, which the caller overrides.
+struct Expand16 {
+  uint8_t lane[256][16];
+};
+constexpr Expand16 make_expand16() {
+  Expand16 t{};
+  for (int m = 0; m < 256; ++m) {
+    int rank = 0;
+    for (int i = 0; i < 8; ++i) {
+      const int r = rank < 8 ? rank : 7;
+      t.lane[m][2 * i] = static_cast<uint8_t>(2 * r);
+      t.lane[m][2 * i + 1] = static_cast<uint8_t>(2 * r + 1);
+      if ((m >> i) & 1) ++rank;
+    }
+  }
+  return t;
+}
+constexpr Expand16 kExpand16 = make_expand16();
+
+// The constants of the noise walk, set once outside its loop.
+struct NoiseConstants {
+  __m256i bias = _mm256_set1_epi16(static_cast<int16_t>(0x8000));
+  __m256i k65281 = _mm256_set1_epi16(static_cast<int16_t>(65281));
+};
+
+// Sixteen samples and their 16-bit noise entries: clamp(s + n, 0, 65535) / 257
+// (both integer kinds reduce to that: a sum below 1 gives 0 and one at or past
+// 65535 gives 255). The quotient is the high half of v * 65281 shifted by 8,
+// exact below 2^17; `sum` receives v for the real kind's check.
+template <Noise K>
+inline __m256i noise_quotients(const NoiseConstants &c, __m256i s, __m256i entry, __m256i *sum) {
+  __m256i v;
+  if constexpr (K == Noise::kWide) {
+    v = _mm256_adds_epu16(s, entry);
+  } else {
+    v = _mm256_xor_si256(_mm256_adds_epi16(_mm256_xor_si256(s, c.bias), entry), c.bias);
+  }
+  *sum = v;
+  return _mm256_srli_epi16(_mm256_mulhi_epu16(v, c.k65281), 8);
+}
+
+// Real noise n runs through the integer rule with floor(257 n); that gives the
+// float sum's byte except, for a flagged entry, where s + floor(257 n) lands on
+// a multiple of 257 or one short of it. True when one of the sixteen lanes
+// selected by `lanes` (a 16-bit mask) is such a case.
+inline bool real_on_edge(__m256i v, __m256i q, __m256i lanes) {
+  const __m256i r = _mm256_sub_epi16(v, _mm256_mullo_epi16(q, _mm256_set1_epi16(257)));
+  const __m256i edge = _mm256_or_si256(_mm256_cmpeq_epi16(r, _mm256_setzero_si256()),
+                                       _mm256_cmpeq_epi16(r, _mm256_set1_epi16(256)));
+  return !_mm256_testz_si256(edge, lanes);
+}
+
+// The 16 flag bits `bits` as lane masks, bit k for lane k.
+inline __m256i flag_lanes(uint32_t bits) {
+  const __m256i bit = _mm256_setr_epi16(1, 2, 4, 8, 16, 32, 64, 128, 256, 512, 1024, 2048, 4096, 8192, 16384,
+                                        static_cast<int16_t>(0x8000));
+  const __m256i b = _mm256_and_si256(_mm256_set1_epi16(static_cast<int16_t>(bits)), bit);
+  return _mm256_cmpeq_epi16(b, bit);
+}
+
+// Sixteen samples of which some may be ends (0, 65535): the taking lanes get
+// consecutive entries from `noise`, the ends keep their byte value. Returns
+// the sixteen results in 16-bit lanes, the entries taken in `taken`, and for
+// the real kind (`flags` the bits of the sixteen entries from `noise` on)
+// whether a taking lane sits on an edge while any of those entries is
+// flagged: the caller then redoes the block from the floats.
+template <Noise K>
+inline __m256i noise_quotients_with_ends(const NoiseConstants &c, __m256i s, const int16_t *noise,
+                                         uint32_t flags, size_t *taken, bool *floats) {
+  const __m256i ends = _mm256_or_si256(_mm256_cmpeq_epi16(s, _mm256_setzero_si256()),
+                                       _mm256_cmpeq_epi16(s, _mm256_set1_epi16(-1)));
+  const auto m = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_packs_epi16(ends, ends)));
+  const uint32_t take_lo = ~m & 0xFFu, take_hi = ~(m >> 16) & 0xFFu;
+  const auto count_lo = static_cast<size_t>(__builtin_popcount(take_lo));
+  const __m128i lo =
+      _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(noise)),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(kExpand16.lane[take_lo])));
+  const __m128i hi =
+      _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(noise + count_lo)),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(kExpand16.lane[take_hi])));
+  __m256i v;
+  const __m256i q = noise_quotients<K>(c, s, _mm256_set_m128i(hi, lo), &v);
+  *taken = count_lo + static_cast<size_t>(__builtin_popcount(take_hi));
+  if constexpr (K == Noise::kReal) {
+    *floats = (flags & ((1u << *taken) - 1u)) != 0 &&
+              real_on_edge(v, q, _mm256_xor_si256(ends, _mm256_set1_epi16(-1)));
+  }
+  return _mm256_blendv_epi8(q, _mm256_and_si256(s, _mm256_set1_epi16(255)), ends);
+}
+
+// True when a lane of `a` or `b` may be an end: |s| as signed 16 bits is 0
+// for 0 and 1 for 65535. (0x8000 reads as an end too; it only takes the
+// slower path.)
+inline bool may_have_ends(__m256i a, __m256i b) {
+  const __m256i low = _mm256_min_epu16(_mm256_abs_epi16(a), _mm256_abs_epi16(b));
+  return _mm256_movemask_epi8(_mm256_cmpgt_epi16(_mm256_set1_epi16(2), low)) != 0;
+}
+
+inline void store_bytes16(uint8_t *out, __m256i q) {
+  const __m256i b = _mm256_permute4x64_epi64(_mm256_packus_epi16(q, q), 0x08);
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out), _mm256_castsi256_si128(b));
+}
+
+// A block the integer rule cannot settle, redone from the floats.
+[[gnu::noinline, gnu::cold]] inline void redo_from_floats(uint8_t *out, const uint16_t *in, size_t count,
+                                                          const float *real, size_t size, size_t from) {
+  const float *cursor = real + from;
+  for (size_t k = 0; k < count; ++k)
+    out[k] = dither_step(in[k], cursor, real, real + size, dither_real_sample);
+}
+
+// Sixteen samples at `in` (already loaded as `s`) that may hold ends; returns
+// the index after the entries they take.
+template <Noise K>
+inline size_t dither_block16_with_ends(const NoiseConstants &c, uint8_t *out, const uint16_t *in, __m256i s,
+                                       const int16_t *table, size_t size, size_t index, RealNoise real) {
+  size_t taken;
+  bool floats = false;
+  const uint32_t flags = K == Noise::kReal ? real_flags32(real.flags, index) & 0xFFFFu : 0;
+  store_bytes16(out, noise_quotients_with_ends<K>(c, s, table + index, flags, &taken, &floats));
+  if constexpr (K == Noise::kReal)
+    if (floats) [[unlikely]]
+      redo_from_floats(out, in, 16, real.floats, size, index);
+  index += taken;
+  return index >= size ? index - size : index;
+}
+
+// The noise walk over 16-bit entries. `table` holds `size` entries and then at
+// least 32 more that repeat its start, so that a run of entries never needs
+// the wrap in the middle of a load. The loop keeps its state in locals: every
+// byte store may alias anything, so state behind a pointer would be reloaded.
+template <Noise K>
+size_t dither_noise16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size,
+                      size_t index, RealNoise real) {
+  const NoiseConstants c;
+  size_t i = 0;
+  while (i + 32 <= n) {
+    // Blocks of 32 up to the row's end or the first block that starts past
+    // the table's end, whichever comes first: within them the entries run
+    // on without a wrap (the padding covers the last block's overhang).
+    const size_t blocks = std::min((n - i) / 32, (size - index + 31) / 32);
+    const uint16_t *src = in + i;
+    const uint16_t *const stop = src + blocks * 32;
+    uint8_t *dst = out + i;
+    const int16_t *noise = table + index;
+    size_t at = index;
+    for (; src != stop; src += 32, dst += 32, noise += 32, at += 32) {
+      // Rows beyond the level-2 cache stream in from further out than its
+      // prefetcher runs ahead on its own; a line a block keeps both streams
+      // 512 bytes ahead.
+      _mm_prefetch(reinterpret_cast<const char *>(src) + 512, _MM_HINT_T0);
+      _mm_prefetch(reinterpret_cast<const char *>(noise) + 512, _MM_HINT_T0);
+      const __m256i s0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src));
+      const __m256i s1 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(src + 16));
+      if (may_have_ends(s0, s1)) [[unlikely]]
+        break;
+      // Read before the store, which the compiler must assume may write them.
+      const uint32_t flags = K == Noise::kReal ? real_flags32(real.flags, at) : 0;
+      __m256i v0, v1;
+      const __m256i q0 =
+          noise_quotients<K>(c, s0, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise)), &v0);
+      const __m256i q1 =
+          noise_quotients<K>(c, s1, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise + 16)), &v1);
+      _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst),
+                          _mm256_permute4x64_epi64(_mm256_packus_epi16(q0, q1), 0xD8));
+      if constexpr (K == Noise::kReal) {
+        if (flags != 0) [[unlikely]] {
+          const size_t from = at < size ? at : at - size;
+          if (real_on_edge(v0, q0, flag_lanes(flags & 0xFFFFu)))
+            redo_from_floats(dst, src, 16, real.floats, size, from);
+          if (real_on_edge(v1, q1, flag_lanes(flags >> 16)))
+            redo_from_floats(dst + 16, src + 16, 16, real.floats, size,
+                             from + 16 < size ? from + 16 : from + 16 - size);
+        }
+      }
+    }
+    const auto done = static_cast<size_t>(src - (in + i));
+    i += done;
+    index += done;
+    if (index >= size) index -= size;
+    if (src != stop) {
+      // A block with an end in it: two halves with their lanes sorted out.
+      index = dither_block16_with_ends<K>(c, out + i, in + i,
+                                          _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)),
+                                          table, size, index, real);
+      index = dither_block16_with_ends<K>(c, out + i + 16, in + i + 16,
+                                          _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16)),
+                                          table, size, index, real);
+      i += 32;
+    }
+  }
+  if (i + 16 <= n) {
+    index = dither_block16_with_ends<K>(c, out + i, in + i,
+                                        _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i)), table,
+                                        size, index, real);
+    i += 16;
+  }
+  if (i < n) {
+    // The tail through a zero-padded copy: its padding is all ends, which
+    // take no noise and are not stored.
+    alignas(32) uint16_t tail[16] = {};
+    alignas(16) uint8_t bytes[16];
+    for (size_t k = i; k < n; ++k) tail[k - i] = in[k];
+    index = dither_block16_with_ends<K>(
+        c, bytes, tail, _mm256_load_si256(reinterpret_cast<const __m256i *>(tail)), table, size, index, real);
+    for (size_t k = i; k < n; ++k) out[k] = bytes[k - i];
+  }
+  return index;
 }
 #endif
 
 // Noise dithering of `n` samples with the 16-bit copy of an integer table
-// of `size` entries, from entry `index`; returns the index after the entries
-// taken. Samples of 0 and 65535 take no noise.
-size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size, size_t index,
-                       bool narrow) {
+// of `size` entries (followed by 32 that repeat its start), from entry
+// `index`; returns the index after the entries taken. Samples of 0 and 65535
+// take no noise.
+size_t dither16to8_int(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table, size_t size,
+                       size_t index, bool narrow) {
+#if defined(__AVX2__)
+  return narrow ? dither_noise16<Noise::kNarrow>(out, in, n, table, size, index, {})
+                : dither_noise16<Noise::kWide>(out, in, n, table, size, index, {});
+#else
   const auto sample = [narrow](uint32_t s, int32_t noise) { return dither_int_sample(s, noise, narrow); };
   const int16_t *start = table, *end = table + size, *cursor = table + index;
-  size_t i = 0;
-#if defined(__AVX2__)
-  // Both kinds reduce to clamp(s + n, 0, 65535) / 257 with the ends forced:
-  // a sum below 1 gives 0 either way and one at or past 65535 gives 255.
-  // While no sample is an end the noise is contiguous and 16-bit lanes do:
-  // with the samples biased by 0x8000 a signed saturating add is the clamp to
-  // 0 ... 65535, and the high half of v * 65281, shifted by 8, is v / 257.
-  const __m256i bias = _mm256_set1_epi16(static_cast<int16_t>(0x8000));
-  const __m256i k65281 = _mm256_set1_epi16(static_cast<int16_t>(65281));
-  const __m256i top = _mm256_set1_epi32(65535);
-  const auto quotients16 = [&](__m256i raw, const int16_t *noise) {
-    const __m256i v = _mm256_xor_si256(
-        _mm256_adds_epi16(_mm256_xor_si256(raw, bias), _mm256_loadu_si256(reinterpret_cast<const __m256i *>(noise))),
-        bias);
-    return _mm256_srli_epi16(_mm256_mulhi_epu16(v, k65281), 8);
-  };
-  while (i + 8 <= n) {
-    if (i + 32 <= n && end - cursor >= 32) {
-      const __m256i raw0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
-      const __m256i raw1 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i + 16));
-      if (no_ends(raw0, raw1)) {
-        const __m256i q = _mm256_packus_epi16(quotients16(raw0, cursor), quotients16(raw1, cursor + 16));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i), _mm256_permute4x64_epi64(q, 0xD8));
-        cursor += 32;
-        if (cursor == end) cursor = start;
-        i += 32;
-        continue;
-      }
-    }
-    if (i + 16 <= n && end - cursor >= 16) {
-      const __m256i raw = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
-      if (no_ends16(raw)) {
-        const __m256i q = quotients16(raw, cursor);
-        const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(q, q), 0x08);
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), _mm256_castsi256_si128(bytes));
-        cursor += 16;
-        if (cursor == end) cursor = start;
-        i += 16;
-        continue;
-      }
-    }
-    if (end - cursor < 8) {
-      // Close to the wrap: these eight go one by one.
-      for (size_t k = i; k < i + 8; ++k) out[k] = dither_step(in[k], cursor, start, end, sample);
-      i += 8;
-      continue;
-    }
-    uint32_t taken;
-    __m256i noise;
-    const __m256i s = dither_lanes(
-        in + i, _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(cursor))), &taken, &noise);
-    const __m256i v = _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(s, noise), _mm256_setzero_si256()), top);
-    store8_keeping_ends(out + i, s, div257(v));
-    cursor += taken;
-    if (cursor == end) cursor = start;
-    i += 8;
-  }
-#endif
-  for (; i < n; ++i) out[i] = dither_step(in[i], cursor, start, end, sample);
+  for (size_t i = 0; i < n; ++i) out[i] = dither_step(in[i], cursor, start, end, sample);
   return static_cast<size_t>(cursor - start);
+#endif
+}
+
+// Real-noise dithering through the float table `real` of `size` entries from
+// entry `index`. `table` is its 16-bit form, floor(257 n) an entry, and
+// `flags` one bit an entry for those the integer rule may get wrong, both
+// padded like the integer copies. The baseline reads the floats only.
+size_t dither16to8_real16(uint8_t *out, const uint16_t *in, size_t n, const int16_t *table,
+                          const uint8_t *flags, const float *real, size_t size, size_t index) {
+#if defined(__AVX2__)
+  return dither_noise16<Noise::kReal>(out, in, n, table, size, index, RealNoise{real, flags});
+#else
+  (void)table;
+  (void)flags;
+  const float *cursor = real + index;
+  for (size_t i = 0; i < n; ++i) out[i] = dither_step(in[i], cursor, real, real + size, dither_real_sample);
+  return static_cast<size_t>(cursor - real);
+#endif
 }
 
 const float *dither16to8_real(uint8_t *out, const uint16_t *in, size_t n, const float *start,

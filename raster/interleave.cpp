@@ -30,7 +30,7 @@ void planes_to_pixels16(uint16_t *, const uint16_t *, size_t, size_t, size_t);
 void pixels_to_planes8(uint8_t *, const uint8_t *, size_t, size_t, size_t);
 void pixels_to_planes16(uint16_t *, const uint16_t *, size_t, size_t, size_t);
 void planes4_16_to_pixels8(uint8_t *, const uint16_t *, const uint16_t *, const uint16_t *, const uint16_t *,
-                           size_t, const uint8_t *);
+                           size_t, const uint8_t *, ptrdiff_t);
 }  // namespace avx2
 
 namespace {
@@ -49,7 +49,7 @@ struct InterleaveKernels {
   void (*p2l_8)(uint8_t *, const uint8_t *, size_t, size_t, size_t);
   void (*p2l_16)(uint16_t *, const uint16_t *, size_t, size_t, size_t);
   void (*l16p8_4)(uint8_t *, const uint16_t *, const uint16_t *, const uint16_t *, const uint16_t *, size_t,
-                  const uint8_t *);
+                  const uint8_t *, ptrdiff_t);
 };
 
 #define ZT_INTERLEAVE_TABLE(ns)                                                                             \
@@ -152,8 +152,8 @@ void line_to_pixel(void *dst, const void *src, size_t width, size_t channels, ui
   }
 }
 
-void line16_to_pixel8_4(uint8_t *dst, const uint16_t *src, size_t width, size_t stride) {
-  g_k.l16p8_4(dst, src, src + stride, src + 2 * stride, src + 3 * stride, width, table16to8());
+void line16_to_pixel8_4(uint8_t *dst, const uint16_t *src, size_t width, size_t stride, ptrdiff_t next_row) {
+  g_k.l16p8_4(dst, src, src + stride, src + 2 * stride, src + 3 * stride, width, table16to8(), next_row);
 }
 
 void pixel_to_line(void *dst, const void *src, size_t width, size_t channels, uint32_t bps, size_t stride) {

@@ -15,8 +15,10 @@ void line_to_pixel(void *dst, const void *src, size_t width, size_t channels, ui
 void pixel_to_line(void *dst, const void *src, size_t width, size_t channels, uint32_t bytes_per_sample,
                    size_t stride);
 // Four planes of 16-bit samples to pixels of four bytes in one pass, each
-// sample as the 16-to-8 table maps it.
-void line16_to_pixel8_4(uint8_t *dst, const uint16_t *src, size_t width, size_t stride);
+// sample as the 16-to-8 table maps it. `next_row` is the distance in bytes to
+// the planes of the row the caller converts next (0 for none), which the
+// conversion fetches ahead.
+void line16_to_pixel8_4(uint8_t *dst, const uint16_t *src, size_t width, size_t stride, ptrdiff_t next_row);
 
 // Registers the kernel table with the dispatch registry. Idempotent.
 int32_t interleave_kernels_init();

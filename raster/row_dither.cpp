@@ -3,6 +3,8 @@
 // scanline buffers use it directly for their dithered 16-to-8 copies.
 #include <zt/random.h>
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -16,15 +18,21 @@ namespace zt::raster {
 namespace {
 
 constexpr size_t kTableSize = ZT_DITHER_TABLE_SIZE;
+constexpr size_t kFlagBytes = (kTableSize + kNoiseTablePad + 7) / 8 + 8;
 
 struct NoiseTables {
   std::unique_ptr<float[]> real;
   std::unique_ptr<int32_t[]> wide;
   std::unique_ptr<int32_t[]> narrow;
   // The integer tables again in 16 bits (wide 0..512, narrow -129..385), the
-  // copies the kernels read; contexts point into the 32-bit ones.
+  // copies the kernels read; contexts point into the 32-bit ones. Each runs
+  // kNoiseTablePad entries on, repeating its start.
   std::unique_ptr<int16_t[]> wide16;
   std::unique_ptr<int16_t[]> narrow16;
+  // The real table in the same form, and its flags one bit an entry (LSB
+  // first, eight bytes of slack for the kernels' word reads): see real16_entry.
+  std::unique_ptr<int16_t[]> real16;
+  std::unique_ptr<uint8_t[]> real_flags;
 };
 
 // Written at start-up and shut-down only (under the mutex); the pointers are
@@ -37,6 +45,50 @@ uint8_t saturate(double v) { return v >= 255.0 ? 255 : static_cast<uint8_t>(v); 
 
 float uniform01() { return static_cast<float>(static_cast<double>(ZT_random32()) / 4294967295.0); }
 
+// A sample with real noise, as the kernels compute it, from its quotient
+// s / 257.0f.
+uint8_t real_rule(float quotient, float noise) {
+  const float v = quotient + noise;
+  if (v <= 0.0f) return 0;
+  if (v >= 255.0f) return 255;
+  return static_cast<uint8_t>(v);
+}
+
+// A real entry n in 16 bits: floor(257 n), and whether that alone may not
+// give the float rule's byte for some sample. `quotients` holds s / 257.0f
+// for every s.
+//
+// With k = floor(257 n), exact arithmetic gives floor((s + 257 n) / 257) =
+// floor((s + k) / 257) for every integer s, so the kernels can run the integer
+// rule. The float sum strays from the exact one by at most 2^-16 (half a unit
+// in the last place for the quotient and for the sum below 256), 257 / 65536
+// of a sample step; only where s + 257 n lies that close to a multiple of 257
+// can the truncation differ, which takes s + k = 257 m or 257 m - 1 and the
+// fraction 257 n - k within that distance of 0 or 1. Entries within 1/200 (a
+// quarter more than that distance, about one in a hundred) are tried on
+// every such sample; those that do differ somewhere keep the flag, and the
+// kernels redo the samples that land on the multiple from the floats.
+int16_t real16_entry(float noise, const float *quotients, bool *flag_out) {
+  constexpr double kClose = 1.0 / 200.0;
+  const double scaled = 257.0 * static_cast<double>(noise);  // exact: 24 + 9 bits
+  const double whole = std::floor(scaled);
+  const auto k = static_cast<int32_t>(whole);
+  bool differs = false;
+  if (scaled - whole < kClose || scaled - whole > 1.0 - kClose) {
+    // s + k = 257 m - c gives the integer rule's byte clamp(m - c, 0, 255).
+    for (int32_t c = 0; c < 2; ++c) {
+      for (int32_t m = 0; m <= 256; ++m) {
+        const int32_t s = 257 * m - k - c;
+        if (s < 1 || s > 65534) continue;
+        const int32_t expect = std::min(std::max(m - c, 0), 255);
+        differs |= real_rule(quotients[s], noise) != expect;
+      }
+    }
+  }
+  *flag_out = differs;
+  return static_cast<int16_t>(k);
+}
+
 }  // namespace
 
 int32_t dither_tables_init(const char *module, const char *function) {
@@ -46,10 +98,15 @@ int32_t dither_tables_init(const char *module, const char *function) {
   t.real.reset(new (std::nothrow) float[kTableSize]);
   t.wide.reset(new (std::nothrow) int32_t[kTableSize]);
   t.narrow.reset(new (std::nothrow) int32_t[kTableSize]);
-  t.wide16.reset(new (std::nothrow) int16_t[kTableSize]);
-  t.narrow16.reset(new (std::nothrow) int16_t[kTableSize]);
+  t.wide16.reset(new (std::nothrow) int16_t[kTableSize + kNoiseTablePad]);
+  t.narrow16.reset(new (std::nothrow) int16_t[kTableSize + kNoiseTablePad]);
+  t.real16.reset(new (std::nothrow) int16_t[kTableSize + kNoiseTablePad]);
+  t.real_flags.reset(new (std::nothrow) uint8_t[kFlagBytes]());
+  // Scratch for the flags: the float quotient of every sample, worked out
+  // once rather than for each of the half million or so samples tried.
+  std::unique_ptr<float[]> quotients(new (std::nothrow) float[65536]);
   if (t.real == nullptr || t.wide == nullptr || t.narrow == nullptr || t.wide16 == nullptr ||
-      t.narrow16 == nullptr) {
+      t.narrow16 == nullptr || t.real16 == nullptr || t.real_flags == nullptr || quotients == nullptr) {
     ZT_LOG(module, function, "Cannot allocate memory");
     return -1;
   }
@@ -71,9 +128,15 @@ int32_t dither_tables_init(const char *module, const char *function) {
     const int32_t r2 = ZT_randomIntInRange(0, 257);
     t.narrow[i] = r1 - r2 + 128;
   }
-  for (size_t i = 0; i < kTableSize; ++i) {
-    t.wide16[i] = static_cast<int16_t>(t.wide[i]);
-    t.narrow16[i] = static_cast<int16_t>(t.narrow[i]);
+  for (uint32_t v = 0; v < 65536; ++v) quotients[v] = static_cast<float>(v) / 257.0f;
+  for (size_t i = 0; i < kTableSize + kNoiseTablePad; ++i) {
+    const size_t at = i < kTableSize ? i : i - kTableSize;
+    t.wide16[i] = static_cast<int16_t>(t.wide[at]);
+    t.narrow16[i] = static_cast<int16_t>(t.narrow[at]);
+    bool flag = false;
+    t.real16[i] = i < kTableSize ? real16_entry(t.real[i], quotients.get(), &flag) : t.real16[at];
+    if (i >= kTableSize) flag = ((t.real_flags[at / 8] >> (at % 8)) & 1u) != 0;
+    if (flag) t.real_flags[i / 8] = static_cast<uint8_t>(t.real_flags[i / 8] | (1u << (i % 8)));
   }
   g_tables = std::move(t);
   return 0;
@@ -143,9 +206,16 @@ void dither_16to8(DitherContext *context, uint8_t *out, const uint16_t *in, size
           context->tableCursor = cursor;
         }
       } else {
-        context->tableCursor = k.dither_real(out, in, n, static_cast<const float *>(context->tableStart),
-                                             static_cast<const float *>(context->tableEnd),
-                                             static_cast<const float *>(context->tableCursor));
+        const auto *start = static_cast<const float *>(context->tableStart);
+        const auto *end = static_cast<const float *>(context->tableEnd);
+        const auto *cursor = static_cast<const float *>(context->tableCursor);
+        if (start == g_tables.real.get() && end == start + kTableSize) {
+          context->tableCursor =
+              start + k.dither_real16(out, in, n, g_tables.real16.get(), g_tables.real_flags.get(), start,
+                                      kTableSize, static_cast<size_t>(cursor - start));
+        } else {
+          context->tableCursor = k.dither_real(out, in, n, start, end, cursor);
+        }
       }
       return;
     case ZT_DITHER_ZERO:

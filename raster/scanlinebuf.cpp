@@ -206,7 +206,9 @@ int32_t copy_rect(ScanlineBuf *dst, const ScanlineBuf *src, uint32_t sx, uint32_
     if (src->interleave == ZT_INTERLEAVE_BY_LINE) {
       uint8_t *out = drow + size_t{dx} * ch * dbps;
       if (fused) {
-        line16_to_pixel8_4(out, reinterpret_cast<const uint16_t *>(srow) + sx, w, plane_samples(src));
+        const ptrdiff_t next_row = y + 1 < h ? row_ptr(src, sy + y + 1) - srow : 0;
+        line16_to_pixel8_4(out, reinterpret_cast<const uint16_t *>(srow) + sx, w, plane_samples(src),
+                           next_row);
       } else if (stage.empty()) {
         line_to_pixel(out, srow + size_t{sx} * dbps, w, ch, dbps, plane_samples(src));
       } else {

@@ -107,7 +107,8 @@ void expect_same_bytes(const DitherContext &start, const std::vector<uint16_t> &
   EXPECT_EQ(base.tableCursor, vec.tableCursor) << what;
 }
 
-// Lengths off the vector width, with the wrap of the table inside the run;
+// Lengths off the vector width, with the wrap of the table inside the run at
+// several distances from the run's start;
 // ends mixed in (none, nearly half, a few) so the lanes take noise unevenly,
 // or no ends but samples the noise pushes past 0 or 65535. Then every sample
 // value between the ends from several table positions: the vector form
@@ -135,8 +136,13 @@ TEST(DitherTest, VectorKernelMatchesBaseline) {
             v = r < ends_in / 2 ? 0 : r < ends_in ? 65535 : static_cast<uint16_t>(rng() % 65534 + 1);
           }
         }
-        ctx.tableCursor = static_cast<const int32_t *>(ctx.tableEnd) - 5;
-        expect_same_bytes(ctx, in, "kind " + std::to_string(kind) + " n " + std::to_string(n));
+        // The wrap inside the first vector block, at its edges and just past it.
+        for (const ptrdiff_t back : {1, 5, 16, 31, 32, 33}) {
+          ctx.tableCursor = static_cast<const int32_t *>(ctx.tableEnd) - back;
+          expect_same_bytes(ctx, in,
+                            "kind " + std::to_string(kind) + " n " + std::to_string(n) + " back " +
+                                std::to_string(back));
+        }
       }
     }
     for (const size_t from : {size_t{0}, size_t{3}, size_t{ZT_DITHER_TABLE_SIZE - 40000}}) {
@@ -170,6 +176,39 @@ TEST(DitherTest, RealNoiseQuotientIsTheDivision) {
     std::vector<uint8_t> out(in.size());
     ditherBuf16To8(&ctx, out.data(), in.data(), static_cast<uint32_t>(in.size()));
     EXPECT_EQ(out, expect) << "level " << simd;
+  }
+}
+
+// The vector form runs the library's real noise through the integer rule
+// with floor(257 n) and falls back on the floats where an entry lies too
+// close to call. Every entry of the table is met here with a sample that puts
+// s + floor(257 n) on a multiple of 257 or one short of it (the only samples
+// where the two rules can part), at a random multiple each pass; some passes
+// mix in ends, so the entries reach the lanes out of step with the samples.
+TEST(DitherTest, RealNoiseAtEveryEntrysEdgeMatchesBaseline) {
+  if (ZT_SimdBestLevel() < ZT_SIMD_AVX2) GTEST_SKIP() << "no AVX2";
+  LibraryScope library;
+  std::mt19937 rng(11);
+  DitherContext ctx{};
+  ditherSetup(&ctx, 2, 1);
+  const auto *real = static_cast<const float *>(ctx.tableStart);
+  ctx.tableCursor = real;
+  for (const uint32_t ends_percent : {0u, 0u, 0u, 0u, 0u, 0u, 30u, 30u}) {
+    std::vector<uint16_t> in;
+    size_t entry = 0;
+    while (entry < ZT_DITHER_TABLE_SIZE) {
+      if (rng() % 100 < ends_percent) {
+        in.push_back(rng() % 2 == 0 ? 0 : 65535);
+        continue;
+      }
+      const auto k = static_cast<int32_t>(std::floor(257.0 * static_cast<double>(real[entry])));
+      int32_t s = 0;
+      while (s < 1 || s > 65534)
+        s = 257 * static_cast<int32_t>(rng() % 256 + 1) - k - static_cast<int32_t>(rng() % 2);
+      in.push_back(static_cast<uint16_t>(s));
+      ++entry;
+    }
+    expect_same_bytes(ctx, in, "ends " + std::to_string(ends_percent) + "%");
   }
 }
 
