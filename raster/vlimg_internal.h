@@ -137,15 +137,14 @@ struct Slot {
   struct ::VLIMG_File *file = nullptr;
 };
 
-// A group of slots coded by the caller and the task queue together. When
-// writing, whoever finishes the tile that is next in file order puts it (and
+// A group of tiles being written, coded by the caller and the task queue
+// together. Whoever finishes the tile that is next in file order puts it (and
 // any finished tiles after it) in the file, so writing overlaps coding and
 // the bytes never depend on the number of threads.
 struct TileBatch {
   VLIMG_File *file = nullptr;
   const std::unique_ptr<Slot> *slots = nullptr;
   uint32_t count = 0;
-  bool decode = false;
   bool queued = false;  // tasks went to the queue; `done` must be waited for
   std::atomic<uint32_t> next{0};     // next slot to code
   std::atomic<uint32_t> written{0};  // slots already in the file

@@ -92,7 +92,10 @@ bool prepare_codec(VLIMG_File *f, const char *fn) {
   }
   // Several tiles per worker and batch keep the hand-overs few.
   if (!settle_batch(f)) return false;
-  f->group_size = h.tiled() && f->threads > 1 ? f->threads * 4 : 1;
+  // A writer waits for the group in flight only when it has filled the
+  // other; at least sixteen tiles a group keep the share left over at that
+  // wait (the last tile each worker is still coding) small.
+  f->group_size = !h.tiled() || f->threads < 2 ? 1 : f->writing ? std::max(16u, f->threads * 4) : f->threads * 4;
   const uint32_t n = f->writing && f->group_size > 1 ? 2 * f->group_size : f->group_size;
   f->slots.clear();
   f->group = 0;
@@ -293,22 +296,18 @@ void run_batch(void *arg) {
   auto *b = static_cast<TileBatch *>(arg);
   for (uint32_t i = b->next.fetch_add(1); i < b->count; i = b->next.fetch_add(1)) {
     if (b->failed.load()) continue;
-    code_slot(b->file, *b->slots[i], b->decode);
-    if (!b->decode) {
-      b->coded[i].store(true);
-      write_in_order(*b);
-    }
+    code_slot(b->file, *b->slots[i], false);
+    b->coded[i].store(true);
+    write_in_order(*b);
   }
 }
 
 // Hands `count` slots from `first` to the task queue (without waiting);
 // with one thread, or no queue, the caller codes them all in finish_batch.
-void start_batch(VLIMG_File *f, TileBatch &b, const std::unique_ptr<Slot> *first, uint32_t count,
-                 bool decode) {
+void start_batch(VLIMG_File *f, TileBatch &b, const std::unique_ptr<Slot> *first, uint32_t count) {
   b.file = f;
   b.slots = first;
   b.count = count;
-  b.decode = decode;
   b.coded = std::make_unique<std::atomic<bool>[]>(count);
   for (uint32_t i = 0; i < count; ++i) b.coded[i].store(false);
   const uint32_t workers = std::min(f->threads, count);
@@ -328,7 +327,6 @@ bool finish_batch(TileBatch &b) {
     pthread_taskq_completion_destroy(&b.done);
     b.queued = false;
   }
-  if (b.decode) return true;
   write_in_order(b);
   return !b.failed.load() && b.written.load() == b.count;
 }
@@ -342,11 +340,46 @@ bool submit_group(VLIMG_File *f, bool wait) {
   if (count == 0) return true;
   f->pending = 0;
   auto b = std::make_unique<TileBatch>();
-  start_batch(f, *b, &f->slots[f->group], count, false);
+  start_batch(f, *b, &f->slots[f->group], count);
   if (wait || !b->queued) return finish_batch(*b);
   f->in_flight = std::move(b);
   f->group = f->group == 0 ? f->group_size : 0;
   return true;
+}
+
+// One tile to read: where it is stored and where it goes.
+struct TileRead {
+  uint32_t index;
+  uint8_t *dst;
+  uint32_t stride;
+  uint64_t offset;
+  uint32_t size;
+};
+
+struct ReadJob {
+  VLIMG_File *file = nullptr;
+  const TileRead *tiles = nullptr;
+  uint32_t count = 0;
+  const char *function = "";
+  std::atomic<uint32_t> next{0};    // next tile to read
+  std::atomic<uint32_t> worker{0};  // next worker slot to hand out
+  std::atomic<bool> failed{false};
+};
+
+void run_reads(void *arg) {
+  auto *job = static_cast<ReadJob *>(arg);
+  Slot &s = *job->file->slots[job->worker.fetch_add(1)];
+  for (uint32_t i = job->next.fetch_add(1); i < job->count; i = job->next.fetch_add(1)) {
+    const TileRead &t = job->tiles[i];
+    s.index = t.index;
+    s.function = job->function;
+    s.dst = t.dst;
+    s.dst_stride = t.stride;
+    s.offset = t.offset;
+    s.stored_size = t.size;
+    code_slot(job->file, s, true);
+    if (!s.ok) job->failed.store(true);
+  }
 }
 
 }  // namespace
@@ -431,49 +464,57 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
     return -1;
   }
   int32_t result = 0;
-  uint32_t i = 0;
   const bool plain = f->codec.compression == 1 && !f->codec.swap16;
-  while (i < count) {
-    uint32_t batch = 0;
-    for (; i < count && batch < f->slots.size(); ++i) {
-      const uint32_t index = indices[i];
-      uint32_t x = 0, y = 0, w = 0, hh = 0;
-      if (!tile_rect(h, index, &x, &y, &w, &hh)) {
-        ZT_LOG(kModule, fn, "Cannot read tile %u: the page has %u", index, tile_count(h));
-        result = -1;
-        continue;
-      }
-      const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
-      if (dsts[i] == nullptr || strides[i] < row) {
-        ZT_LOG(kModule, fn, "Cannot read tile %u: it needs %u bytes per line, got %u", index, row,
-               strides[i]);
-        result = -1;
-        continue;
-      }
-      const VLIMG_TileEntry &e = h.tiles[index];
-      if (plain && f->slots.size() == 1 && strides[i] == row) {
-        // One thread and nothing to undo: the file goes straight into the caller's rows.
-        if (!f->io.pread_at(dsts[i], e.size, e.offset)) {
-          ZT_LOG(kModule, fn, "Cannot read tile %u", index);
-          result = -1;
-        }
-        continue;
-      }
-      Slot &s = *f->slots[batch++];
-      s.index = index;
-      s.function = fn;
-      s.dst = dsts[i];
-      s.dst_stride = strides[i];
-      s.offset = e.offset;
-      s.stored_size = e.size;
+  std::vector<TileRead> reads;
+  reads.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t index = indices[i];
+    uint32_t x = 0, y = 0, w = 0, hh = 0;
+    if (!tile_rect(h, index, &x, &y, &w, &hh)) {
+      ZT_LOG(kModule, fn, "Cannot read tile %u: the page has %u", index, tile_count(h));
+      result = -1;
+      continue;
     }
-    TileBatch b;
-    start_batch(f, b, f->slots.data(), batch, true);
-    finish_batch(b);
-    for (uint32_t k = 0; k < batch; ++k)
-      if (!f->slots[k]->ok) result = -1;
+    const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
+    if (dsts[i] == nullptr || strides[i] < row) {
+      ZT_LOG(kModule, fn, "Cannot read tile %u: it needs %u bytes per line, got %u", index, row, strides[i]);
+      result = -1;
+      continue;
+    }
+    const VLIMG_TileEntry &e = h.tiles[index];
+    if (plain && f->threads < 2) {
+      // One thread and nothing to undo: the file goes straight into the caller's rows.
+      if (e.size != size_t{row} * hh ? true
+          : strides[i] == row        ? !f->io.pread_at(dsts[i], e.size, e.offset)
+                                     : !f->io.pread_rows(dsts[i], row, hh, strides[i], e.offset)) {
+        ZT_LOG(kModule, fn, "Cannot read tile %u", index);
+        result = -1;
+      }
+      continue;
+    }
+    reads.push_back({index, dsts[i], strides[i], e.offset, e.size});
   }
-  return result;
+  if (reads.empty()) return result;
+  // One pass over the whole list, each worker with a slot of its own: no
+  // worker waits for another until the last tile.
+  ReadJob job;
+  job.file = f;
+  job.tiles = reads.data();
+  job.count = static_cast<uint32_t>(reads.size());
+  job.function = fn;
+  const uint32_t workers = std::min({f->threads, job.count, static_cast<uint32_t>(f->slots.size())});
+  ZT_TaskQueue *queue = tile_queue();
+  ZT_TaskCompletion done;
+  if (workers >= 2 && queue != nullptr && pthread_taskq_completion_init(&done) == 0) {
+    // Whatever could not be queued is picked up by the caller's own share.
+    pthread_taskq_enqueue_multiple(queue, &done, workers - 1, run_reads, &job, 0);
+    run_reads(&job);
+    pthread_taskq_completion_wait(&done);
+    pthread_taskq_completion_destroy(&done);
+  } else {
+    run_reads(&job);
+  }
+  return job.failed.load() ? -1 : result;
 }
 
 // ---- Scanlines -------------------------------------------------------------------
