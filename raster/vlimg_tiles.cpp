@@ -335,7 +335,11 @@ bool finish_batch(TileBatch &b) {
 // false and workers to hand, it goes on in the background while the caller
 // fills the other group.
 bool submit_group(VLIMG_File *f, bool wait) {
-  if (!settle_batch(f)) return false;
+  if (!settle_batch(f)) {
+    // The page has failed; the tiles waiting in this group go nowhere.
+    f->pending = 0;
+    return false;
+  }
   const uint32_t count = f->pending;
   if (count == 0) return true;
   f->pending = 0;

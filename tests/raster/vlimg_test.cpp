@@ -820,6 +820,22 @@ TEST_F(VlimgMT, WriteFailingInTheBackgroundFailsThePage) {
     EXPECT_EQ(write_page(path(), VLIMG_MODE_CREATE, p, px), -1);
   }
   EXPECT_TRUE(capture.contains("Failed to write to disk"));
+  // A caller that goes on handing over tiles after the failure gets -1 for
+  // some of them and for the close, never a crash.
+  {
+    FileSizeLimit limit(60000);
+    VLIMG_File *f = open_writer(path("again.vlimg"), VLIMG_MODE_CREATE, p);
+    ASSERT_NE(f, nullptr);
+    ASSERT_EQ(VLIMG_EnableTiling(f, p.tile_w, p.tile_h), 0);
+    const uint32_t line = p.width * 4, across = (p.width + p.tile_w - 1) / p.tile_w;
+    uint32_t refused = 0;
+    for (uint32_t i = 0; i < VLIMG_NumTiles(f); ++i) {
+      const size_t x = (i % across) * p.tile_w, y = (i / across) * p.tile_h;
+      refused += VLIMG_WriteTile(f, i, px.data() + y * line + x * 4, line) != 0;
+    }
+    EXPECT_GT(refused, 0u);
+    EXPECT_EQ(VLIMG_Close(f), -1);
+  }
   VLIMGSetupThreads(1);
 }
 
