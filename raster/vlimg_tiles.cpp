@@ -262,7 +262,7 @@ void code_slot(VLIMG_File *f, Slot &s, bool decode) {
     if (!s.ok) ZT_LOG(kModule, s.function, "Cannot compress tile %u", s.index);
     return;
   }
-  // Each worker reads its own tiles: the reads of a batch overlap its decoding.
+  // Each worker reads its own tiles, so reading overlaps decoding.
   const bool plain = f->codec.compression == 1 && !f->codec.swap16;
   uint8_t *landing = plain && s.dst_stride == row && s.stored_size == n ? s.dst : nullptr;
   if (landing == nullptr) {

@@ -195,8 +195,10 @@ ZT_API uint32_t VLIMG_NumTiles(const VLIMG_File *file);
 ZT_API int32_t VLIMG_GetTileSize(const VLIMG_File *file, uint32_t index, uint32_t *width, uint32_t *height);
 /* Writes tile `index` (row by row from 0): its lines of the tile's width
  * start `stride` bytes apart at `data`. The pixels are copied or coded before
- * the call returns unless threads are set up, in which case they are copied.
- * 0, or -1 (an index written twice or out of range, a page written by
+ * the call returns unless threads are set up, in which case they are copied
+ * and coded and written while the caller hands over the next ones; a write
+ * that fails there fails a later call or the close. 0, or -1 (an index
+ * written twice or out of range, a page written by
  * scanlines: "VLIMG_WriteScanline has already been called. You can either use
  * VLIMG_WriteTile or VLIMG_WriteScanline but not both.", a write error). */
 ZT_API int32_t VLIMG_WriteTile(VLIMG_File *file, uint32_t index, const uint8_t *data, uint32_t stride);
@@ -204,9 +206,10 @@ ZT_API int32_t VLIMG_WriteTile(VLIMG_File *file, uint32_t index, const uint8_t *
  * apart (at least the tile's bytes per line). 0, or -1 ("Cannot read tile %u"
  * and the reason). */
 ZT_API int32_t VLIMG_ReadTile(VLIMG_File *file, uint32_t index, uint8_t *dst, uint32_t stride);
-/* Reads `count` tiles: tile indices[i] into dsts[i] with strides[i]; the file
- * is read in order of offsets and decoding runs on the worker threads. 0, or
- * -1 when any tile fails (the others are still delivered). */
+/* Reads `count` tiles: tile indices[i] into dsts[i] with strides[i]. With
+ * threads set up, each worker reads and decodes tiles of the list in turn
+ * until none is left. 0, or -1 when any tile fails (the others are still
+ * delivered). */
 ZT_API int32_t VLIMG_ReadTiles(VLIMG_File *file, const uint32_t *indices, uint32_t count,
                                uint8_t *const *dsts, const uint32_t *strides);
 /* Sets the number of worker threads that code tiles for files opened from
