@@ -7,6 +7,7 @@
 #endif
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -155,18 +156,16 @@ inline uint8_t dither_step(uint32_t s, const T *&cursor, const T *start, const T
 #if defined(__AVX2__)
 // For each mask of the samples that take noise, the index of the noise entry
 // each lane uses: the count of taking lanes before it.
+// The rank of lane i among the taking lanes of mask m: how many take before it.
+constexpr int taking_rank(int m, int i) { return std::popcount(static_cast<unsigned>(m) & ((1u << i) - 1u)); }
+
 struct ExpandIndex {
   int32_t lane[256][8];
 };
 constexpr ExpandIndex make_expand_index() {
   ExpandIndex t{};
-  for (int m = 0; m < 256; ++m) {
-    int rank = 0;
-    for (int i = 0; i < 8; ++i) {
-      t.lane[m][i] = rank;
-      if ((m >> i) & 1) ++rank;
-    }
-  }
+  for (int m = 0; m < 256; ++m)
+    for (int i = 0; i < 8; ++i) t.lane[m][i] = taking_rank(m, i);
   return t;
 }
 constexpr ExpandIndex kExpandIndex = make_expand_index();
@@ -262,15 +261,12 @@ struct Expand16 {
 };
 constexpr Expand16 make_expand16() {
   Expand16 t{};
-  for (int m = 0; m < 256; ++m) {
-    int rank = 0;
+  for (int m = 0; m < 256; ++m)
     for (int i = 0; i < 8; ++i) {
-      const int r = rank < 8 ? rank : 7;
+      const int r = taking_rank(m, i);
       t.lane[m][2 * i] = static_cast<uint8_t>(2 * r);
       t.lane[m][2 * i + 1] = static_cast<uint8_t>(2 * r + 1);
-      if ((m >> i) & 1) ++rank;
     }
-  }
   return t;
 }
 constexpr Expand16 kExpand16 = make_expand16();

@@ -97,10 +97,11 @@ int32_t get_column(ZT_ImageBuf *buf, uint32_t x, void *data, const char *functio
     // Otherwise an even share of a tile, so that no band reaches into the
     // next column of tiles and the cache never has to hold two.
     const size_t budget = std::max<size_t>(std::max<uint32_t>(1, 64 / bpp), kColumnBandBytes / column_bytes);
-    const uint32_t across = budget >= store.tile_w
-                                ? store.tile_w
-                                : static_cast<uint32_t>((store.tile_w + (store.tile_w + budget - 1) / budget - 1) /
-                                                        ((store.tile_w + budget - 1) / budget));
+    uint32_t across = store.tile_w;
+    if (budget < across) {
+      const uint32_t parts = static_cast<uint32_t>((across + budget - 1) / budget);
+      across = (across + parts - 1) / parts;
+    }
     buf->band_store = 0;
     const uint32_t tile_x = x / store.tile_w * store.tile_w;
     const uint32_t tile_end = static_cast<uint32_t>(std::min<uint64_t>(store.width, uint64_t{tile_x} + store.tile_w));

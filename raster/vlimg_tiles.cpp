@@ -251,41 +251,40 @@ void write_in_order(TileBatch &b) {
   }
 }
 
-void code_slot(VLIMG_File *f, Slot &s, bool decode) {
-  const Header &h = f->h;
+void encode_slot(VLIMG_File *f, Slot &s) {
   uint32_t x = 0, y = 0, w = 0, hh = 0;
-  tile_rect(h, s.index, &x, &y, &w, &hh);
-  const uint32_t row = static_cast<uint32_t>(tile_line_bytes(h, w));
+  tile_rect(f->h, s.index, &x, &y, &w, &hh);
+  const uint32_t n = static_cast<uint32_t>(tile_line_bytes(f->h, w)) * hh;
+  s.ok = encode_block(f->codec, s, s.raw.data(), n);
+  if (!s.ok) ZT_LOG(kModule, s.function, "Cannot compress tile %u", s.index);
+}
+
+// Each worker reads its own tiles, so reading overlaps decoding.
+void read_slot(VLIMG_File *f, Slot &s) {
+  uint32_t x = 0, y = 0, w = 0, hh = 0;
+  tile_rect(f->h, s.index, &x, &y, &w, &hh);
+  const uint32_t row = static_cast<uint32_t>(tile_line_bytes(f->h, w));
   const uint32_t n = row * hh;
-  if (!decode) {
-    s.ok = encode_block(f->codec, s, s.raw.data(), n);
-    if (!s.ok) ZT_LOG(kModule, s.function, "Cannot compress tile %u", s.index);
-    return;
-  }
-  // Each worker reads its own tiles, so reading overlaps decoding.
-  const bool plain = f->codec.compression == 1 && !f->codec.swap16;
-  uint8_t *landing = plain && s.dst_stride == row && s.stored_size == n ? s.dst : nullptr;
-  if (landing == nullptr) {
+  // Raw tiles of 8-bit planes are stored as their pixels: nothing to undo.
+  const bool stored_as_pixels = f->codec.compression == 1 && !f->codec.swap16 && s.stored_size == n;
+  uint8_t *landing = s.dst;
+  if (!stored_as_pixels || s.dst_stride != row) {
     s.stored.resize(s.stored_size);
     landing = s.stored.data();
   }
   s.ok = f->io.pread_at(landing, s.stored_size, s.offset);
-  if (s.ok && landing != s.dst) {
-    if (plain && s.stored_size == n) {
-      for (uint32_t r = 0; r < hh; ++r)
-        std::memcpy(s.dst + size_t{r} * s.dst_stride, landing + size_t{r} * row, row);
-    } else {
-      uint8_t *target = s.dst;
-      if (s.dst_stride != row) {
-        s.raw.resize(n);
-        target = s.raw.data();
-      }
-      s.ok = decode_block(f->codec, s, landing, s.stored_size, target, n, s.function);
-      if (s.ok && target != s.dst)
-        for (uint32_t r = 0; r < hh; ++r)
-          std::memcpy(s.dst + size_t{r} * s.dst_stride, target + size_t{r} * row, row);
+  const uint8_t *pixels = landing;
+  if (s.ok && !stored_as_pixels) {
+    uint8_t *target = s.dst;
+    if (s.dst_stride != row) {
+      s.raw.resize(n);
+      target = s.raw.data();
     }
+    s.ok = decode_block(f->codec, s, landing, s.stored_size, target, n, s.function);
+    pixels = target;
   }
+  if (s.ok && pixels != s.dst)
+    for (uint32_t r = 0; r < hh; ++r) std::memcpy(s.dst + size_t{r} * s.dst_stride, pixels + size_t{r} * row, row);
   if (!s.ok) ZT_LOG(kModule, s.function, "Cannot read tile %u", s.index);
 }
 
@@ -296,7 +295,7 @@ void run_batch(void *arg) {
   auto *b = static_cast<TileBatch *>(arg);
   for (uint32_t i = b->next.fetch_add(1); i < b->count; i = b->next.fetch_add(1)) {
     if (b->failed.load()) continue;
-    code_slot(b->file, *b->slots[i], false);
+    encode_slot(b->file, *b->slots[i]);
     b->coded[i].store(true);
     write_in_order(*b);
   }
@@ -381,7 +380,7 @@ void run_reads(void *arg) {
     s.dst_stride = t.stride;
     s.offset = t.offset;
     s.stored_size = t.size;
-    code_slot(job->file, s, true);
+    read_slot(job->file, s);
     if (!s.ok) job->failed.store(true);
   }
 }
@@ -488,9 +487,10 @@ int32_t read_tiles(VLIMG_File *f, const uint32_t *indices, uint32_t count, uint8
     const VLIMG_TileEntry &e = h.tiles[index];
     if (plain && f->threads < 2) {
       // One thread and nothing to undo: the file goes straight into the caller's rows.
-      if (e.size != size_t{row} * hh ? true
-          : strides[i] == row        ? !f->io.pread_at(dsts[i], e.size, e.offset)
-                                     : !f->io.pread_rows(dsts[i], row, hh, strides[i], e.offset)) {
+      const bool ok = e.size == size_t{row} * hh && (strides[i] == row
+                                                        ? f->io.pread_at(dsts[i], e.size, e.offset)
+                                                        : f->io.pread_rows(dsts[i], row, hh, strides[i], e.offset));
+      if (!ok) {
         ZT_LOG(kModule, fn, "Cannot read tile %u", index);
         result = -1;
       }
